@@ -1,0 +1,45 @@
+#include "foundation/time_utils.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+
+namespace zel {
+
+namespace {
+std::atomic<long> g_offset{0};
+
+std::string format_utc(time_t t) {
+  struct tm parts {};
+  // Several threads format times, so the reentrant form is required.
+  if (gmtime_r(&t, &parts) == nullptr) return std::string();
+  char buf[50];
+  size_t n = strftime(buf, sizeof buf, "%FT%TZ", &parts);
+  return std::string(buf, n);
+}
+}  // namespace
+
+long time_now() {
+  auto since = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(since).count()) +
+         g_offset.load(std::memory_order_relaxed);
+}
+
+std::string getISOTime() { return format_utc(static_cast<time_t>(time_now())); }
+
+std::string toISOTime(long t) { return format_utc(static_cast<time_t>(t)); }
+
+int ratelimit(unsigned* stamp, unsigned period) {
+  long now = time_now();
+  if (static_cast<int64_t>(now) - static_cast<int64_t>(*stamp) < static_cast<int64_t>(period))
+    return 0;
+  *stamp = static_cast<unsigned>(now);
+  return 1;
+}
+
+void advance_clock(long seconds) { g_offset.fetch_add(seconds, std::memory_order_relaxed); }
+
+long clock_offset() { return g_offset.load(std::memory_order_relaxed); }
+
+}  // namespace zel

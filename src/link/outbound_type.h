@@ -1,0 +1,17 @@
+// One queued outbound text frame.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zel {
+
+struct OutboundType {
+  std::string message;  // "" asks the link to close (sorts first)
+  int32_t attempts = 0;
+
+  // Ordered by text alone: identical texts collapse, and frames leave in text order.
+  bool operator<(const OutboundType& other) const { return message < other.message; }
+};
+
+}  // namespace zel

@@ -1,0 +1,99 @@
+// The process-wide WebSocket link to the messaging server. It has no thread of its
+// own: the worker calls service_socket() each pass, and every lws callback runs there.
+#pragma once
+
+#include <libwebsockets.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "link/outbound_type.h"
+#include "zel/records.h"
+
+namespace zel {
+
+class WebSocketClient {
+ public:
+  static constexpr size_t kMaxPayload = 1048576;
+
+  static WebSocketClient& instance();
+
+  bool initialize(const CloudConnect& cc, std::function<void()> on_connect,
+                  std::function<void()> on_disconnect);
+  // One turn of the connection machine and of lws; worker thread only.
+  bool service_socket();
+  bool is_connected();
+  void clear_context();
+  void set_connected(bool c);
+
+  static int callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len);
+
+  // Queues (any thread).
+  void send_message(const std::string& message, bool force);
+  bool outbound_message_ready();
+  OutboundType* get_outbound_message();
+  bool outbound_remove_message(OutboundType& m);
+  bool inbound_message_ready();
+  std::string get_inbound_message();
+  void soft_disconnect();
+  std::future<void> full_disconnect();
+
+  // Test seams.
+  size_t outbound_size();
+  std::vector<std::string> outbound_texts();
+
+  ~WebSocketClient();
+
+ private:
+  WebSocketClient() = default;
+  WebSocketClient(const WebSocketClient&) = delete;
+  WebSocketClient& operator=(const WebSocketClient&) = delete;
+
+  bool create_context();
+  bool setup_connection();
+  int on_writeable(lws* wsi);
+  void on_received(lws* wsi, const void* in, size_t len);
+  bool on_worker_thread() const;
+  void request_writeable_locked();
+
+  lws* wsi = nullptr;
+  bool connected = false;
+  bool keep_connected = false;
+  std::function<void()> on_connect;
+  std::function<void()> on_disconnect;
+  std::promise<void> disconnect_promise;
+  bool disconnect_signalled = false;
+  lws_context_creation_info context_info{};
+  lws_client_connect_info connect_info{};
+  lws_context* context = nullptr;
+  const char* uri_scheme = nullptr;
+  const char* uri_path = nullptr;
+  char* uri_copy = nullptr;
+  char path_buffer[300] = {};
+  uint32_t connect_stamp = 0;
+  std::string origin;
+  std::string server_uri;
+  std::string ca_file;
+  std::string cert_file;
+  std::string key_file;
+  std::set<OutboundType> outbound;
+  std::deque<std::string> inbound;
+  std::vector<unsigned char> write_buffer;
+
+  // Guards outbound, inbound and the state host threads touch: keep_connected,
+  // connected, disconnect_promise and disconnect_signalled. Never held while
+  // on_connect/on_disconnect run (they send) nor across a call into lws.
+  std::mutex mutex;
+  // The thread that services the socket: only it may call into lws.
+  std::atomic<std::thread::id> service_thread{};
+};
+
+}  // namespace zel

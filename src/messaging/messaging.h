@@ -1,0 +1,144 @@
+// The singleton behind zel::Upload: device identity, the host's queues and callbacks,
+// the clip tables, and the one worker thread that drives the link and every stage.
+// Each member is defined in the subsystem that owns its stage.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "clips/pending_clip.h"
+#include "foundation/envelope.h"
+#include "zel/items.h"
+#include "zel/msg_response.h"
+#include "zel/records.h"
+
+namespace zel {
+
+class UploaderCluster;
+
+class Messaging {
+ public:
+  static Messaging& get();
+
+  // Lifecycle (messaging/).
+  bool connect(const CloudConnect& cc, std::function<void()> on_connect,
+               std::function<void()> on_disconnect, const std::list<std::string>& cameras);
+  bool disconnect();
+  void worker();
+  void on_connect();
+  void on_disconnect();
+  void register_list_actions(std::function<MsgResponse(std::string)> cb);
+  void register_perform_action(std::function<MsgResponse(ActionInfo)> cb);
+  void register_ota_update(std::function<MsgResponse(UpdateInfo)> cb);
+  void register_cloud_status(std::function<void(CloudStatus)> cb);
+  void cloud_status(CloudStatus s);
+  void set_upload_threads(unsigned n);
+
+  // Inbound processing and keep-alive (messaging/).
+  void process_inbound();
+  void ping();
+  void pong();
+  void send_version_to_cloud();
+
+  // Host callbacks behind the request handlers (handlers/).
+  MsgResponse list_actions(std::string device);
+  MsgResponse perform_action(ActionInfo info);
+  MsgResponse ota_update(UpdateInfo info);
+
+  // Inventory (inventory/).
+  void register_item(const Item& item);
+  void register_camera(const std::string& camera_mac);
+  void send_camera_to_cloud(const std::string& camera_mac);
+  void send_camera_setting(const std::string& camera_mac, const std::string& name,
+                           const std::string& value);
+  void send_action_scheduler(const std::string& action_scheduler_uuid,
+                             const std::string& recurrence_count);
+  void cloud_sync();
+
+  // Events and transactions (events/).
+  void upload_event(const EventInfo& event);
+  void upload_event(const AccessEventInfo& event);
+  void process_event();
+  void process_access_event();
+  void send_transaction(const std::string& model, const std::string& properties,
+                        const std::string& method);
+  void transaction_ack(const TransactionAck& ack);
+
+  // Clip pipeline (clips/).
+  void upload_clip(const ClipInfo& clip);
+  void upload_clip(const ClipInfo& clip, const UploadOpts& opts);
+  void clear_queued_clips();
+  void process_clip();
+  std::string upload_record_start(const PendingClip& pending);
+  std::string upload_record_end(const PendingClip& pending);
+  void set_credentials(CloudCredentials credentials);
+  void manage_upload_threads();
+  void expire_clip();
+
+  // Read by the request handlers.
+  const std::string& get_version_json() const { return version_json; }
+  const std::string& get_device_mac() const { return device_mac; }
+  const std::string& get_cert_path() const { return cert_path; }
+  const std::string& get_key_path() const { return key_path; }
+  const DeviceInfo& get_device_info() const { return device_info; }
+
+  // Test seams: the state a test needs to observe or arrange.
+  int32_t get_missed_pongs() const { return missed_pongs; }
+  int32_t get_account_id() const { return account_id; }
+  std::recursive_mutex& get_work_mutex() { return work_mutex; }
+  std::map<std::string, PendingClip>& get_unacked_clips() { return unacked_clips; }
+  std::map<std::string, PendingClip>& get_pending_clips() { return pending_clips; }
+  std::map<std::string, CloudCredentials>& get_credentials() { return credentials; }
+  void reset_for_tests();
+
+  ~Messaging();
+
+ private:
+  Messaging();
+  Messaging(const Messaging&) = delete;
+  Messaging& operator=(const Messaging&) = delete;
+
+  bool on_worker_thread() const;
+  void report_clip(const ClipInfo& clip, int state, const std::string& message);
+
+  int32_t account_id = 0;
+  int32_t missed_pongs = 0;
+  uint32_t ping_stamp = 0;
+  uint32_t upload_threads = 1;
+  std::atomic_flag running = ATOMIC_FLAG_INIT;
+  std::string version = "22.1.0";
+  std::string version_json;
+  std::string camera_template;
+  std::string transaction_template;
+  std::string device_mac;
+  std::string cert_path;
+  std::string key_path;
+  DeviceInfo device_info;
+  std::map<std::string, PendingClip> pending_clips;
+  std::map<std::string, PendingClip> unacked_clips;
+  std::map<std::string, CloudCredentials> credentials;
+  std::list<std::string> cameras;
+  std::deque<std::pair<ClipInfo, UploadOpts>> clip_queue;
+  std::deque<EventInfo> event_queue;
+  std::deque<AccessEventInfo> access_event_queue;
+  std::recursive_mutex work_mutex;
+  std::mutex connect_mutex;
+  std::unique_ptr<std::thread> worker_thread;
+  std::unique_ptr<UploaderCluster> uploaders;
+  std::function<void()> on_connect_cb;
+  std::function<void()> on_disconnect_cb;
+  std::function<MsgResponse(std::string)> list_actions_cb;
+  std::function<MsgResponse(ActionInfo)> perform_action_cb;
+  std::function<MsgResponse(UpdateInfo)> ota_update_cb;
+  std::function<void(CloudStatus)> cloud_status_cb;
+};
+
+}  // namespace zel

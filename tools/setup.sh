@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs everything the library, its tests and the local cloud need on a fresh
+# Debian machine. Run as root; running it again changes nothing.
+set -euo pipefail
+
+packages=(
+  cmake g++ make pkg-config
+  libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev
+  libgtest-dev libgmock-dev
+  clang libclang-rt-14-dev
+  python3-websockets openssl ca-certificates
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if [ "${#missing[@]}" -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+else
+  echo "setup: Debian packages already installed"
+fi
+
+# Azurite (blob storage emulator) comes from npm, pinned by tools/cloud/package-lock.json.
+here=$(cd "$(dirname "$0")" && pwd)
+if [ -f "$here/cloud/package-lock.json" ]; then
+  if ! command -v npm >/dev/null 2>&1; then
+    echo "setup: npm (Node.js 20) is required for the blob storage emulator" >&2
+    exit 1
+  fi
+  if [ ! -x "$here/cloud/node_modules/.bin/azurite-blob" ]; then
+    echo "setup: installing the blob storage emulator with npm ci"
+    (cd "$here/cloud" && npm ci --no-audit --no-fund --loglevel=error)
+  fi
+fi
