@@ -23,6 +23,10 @@
 namespace zel {
 
 class UploaderCluster;
+// Lets Messaging hold the pool without every stage seeing the pool's definition.
+struct UploaderClusterDeleter {
+  void operator()(UploaderCluster* cluster) const;
+};
 
 class Messaging {
  public:
@@ -82,6 +86,8 @@ class Messaging {
   void set_credentials(CloudCredentials credentials);
   void manage_upload_threads();
   void expire_clip();
+  void start_upload_pool(const std::string& ca_path);
+  void stop_upload_pool();
 
   // Read by the request handlers.
   const std::string& get_version_json() const { return version_json; }
@@ -107,6 +113,7 @@ class Messaging {
   Messaging& operator=(const Messaging&) = delete;
 
   bool on_worker_thread() const;
+  void hand_to_pool(PendingClip& pending);
   void report_clip(const ClipInfo& clip, int state, const std::string& message);
 
   int32_t account_id = 0;
@@ -132,7 +139,7 @@ class Messaging {
   std::recursive_mutex work_mutex;
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
-  std::unique_ptr<UploaderCluster> uploaders;
+  std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;
   std::function<void()> on_connect_cb;
   std::function<void()> on_disconnect_cb;
   std::function<MsgResponse(std::string)> list_actions_cb;

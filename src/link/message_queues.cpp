@@ -1,0 +1,88 @@
+// The two queues of the link and the two ways of ending a session.
+#include "foundation/log.h"
+#include "link/websocket_client.h"
+
+namespace zel {
+
+void WebSocketClient::request_writeable_locked() {
+  // Only the servicing thread may call into lws; other threads rely on the worker,
+  // which asks for a writeable event on every pass while messages wait.
+  if (on_worker_thread() && connected && wsi != nullptr) lws_callback_on_writable(wsi);
+}
+
+void WebSocketClient::send_message(const std::string& message, bool force) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (!connected && !force) return;
+  outbound.insert(OutboundType{message, 0});
+  request_writeable_locked();
+}
+
+bool WebSocketClient::outbound_message_ready() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return !outbound.empty();
+}
+
+OutboundType* WebSocketClient::get_outbound_message() {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (outbound.empty()) return nullptr;
+  // Set elements are immutable through the iterator; the pointer is for reading.
+  return const_cast<OutboundType*>(&*outbound.begin());
+}
+
+bool WebSocketClient::outbound_remove_message(OutboundType& m) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return outbound.erase(m) > 0;
+}
+
+bool WebSocketClient::inbound_message_ready() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return !inbound.empty();
+}
+
+std::string WebSocketClient::get_inbound_message() {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (inbound.empty()) return std::string();
+  std::string text = std::move(inbound.front());
+  inbound.pop_front();
+  return text;
+}
+
+void WebSocketClient::soft_disconnect() {
+  std::lock_guard<std::mutex> lock(mutex);
+  outbound.insert(OutboundType{std::string(), 0});
+  if (on_worker_thread() && wsi != nullptr) lws_callback_on_writable(wsi);
+}
+
+std::future<void> WebSocketClient::full_disconnect() {
+  bool was_connected;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    was_connected = connected;
+    keep_connected = false;
+  }
+  if (was_connected) soft_disconnect();
+  std::lock_guard<std::mutex> lock(mutex);
+  if (!was_connected && !disconnect_signalled) {
+    try {
+      disconnect_promise.set_value();
+      disconnect_signalled = true;
+    } catch (const std::future_error&) {
+      zel_log(LOG_ERR, "Premature future error, sad\n");
+    }
+  }
+  return disconnect_promise.get_future();
+}
+
+size_t WebSocketClient::outbound_size() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return outbound.size();
+}
+
+std::vector<std::string> WebSocketClient::outbound_texts() {
+  std::lock_guard<std::mutex> lock(mutex);
+  std::vector<std::string> texts;
+  for (const auto& m : outbound) texts.push_back(m.message);
+  return texts;
+}
+
+}  // namespace zel

@@ -1,0 +1,315 @@
+#include "link/websocket_client.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include "foundation/log.h"
+#include "foundation/time_utils.h"
+
+namespace zel {
+
+namespace {
+
+constexpr unsigned kReconnectPeriod = 5;
+constexpr int kCloseDisconnecting = 4003;
+constexpr int kCloseWriteFailed = 4404;
+constexpr int kCloseRequested = 4429;
+
+lws_protocols protocols[] = {
+    {"", WebSocketClient::callback, 0, WebSocketClient::kMaxPayload, 0, nullptr, 0},
+    {nullptr, nullptr, 0, 0, 0, nullptr, 0},
+};
+
+// No extensions: the link is never compressed.
+const lws_extension exts[] = {
+    {nullptr, nullptr, nullptr},
+};
+
+bool readable(const std::string& path) {
+  FILE* f = std::fopen(path.c_str(), "r");
+  if (f == nullptr) return false;
+  std::fclose(f);
+  return true;
+}
+
+// Host callbacks reached from inside lws must never unwind through C frames.
+void call_guarded(const std::function<void()>& fn, const char* what) {
+  if (!fn) return;
+  try {
+    fn();
+  } catch (const std::exception& e) {
+    zel_log(LOG_ERR, "%s callback failed: %s\n", what, e.what());
+  } catch (...) {
+    zel_log(LOG_ERR, "%s callback failed\n", what);
+  }
+}
+
+}  // namespace
+
+WebSocketClient& WebSocketClient::instance() {
+  static WebSocketClient client;
+  return client;
+}
+
+WebSocketClient::~WebSocketClient() {
+  clear_context();
+  std::free(uri_copy);
+}
+
+bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> on_connect_fn,
+                                 std::function<void()> on_disconnect_fn) {
+  std::lock_guard<std::mutex> lock(mutex);
+  keep_connected = true;
+  disconnect_signalled = false;
+  disconnect_promise = std::promise<void>();
+  outbound.clear();
+  on_connect = std::move(on_connect_fn);
+  on_disconnect = std::move(on_disconnect_fn);
+  origin = cc.mac_address;
+  server_uri = cc.server_uri;
+  ca_file = cc.ca_path;
+  key_file = cc.key_path;
+  cert_file = cc.cert_path;
+  connect_stamp = 0;
+  apply_log_level_from_env();
+  return true;
+}
+
+bool WebSocketClient::on_worker_thread() const {
+  return service_thread.load() == std::this_thread::get_id();
+}
+
+bool WebSocketClient::service_socket() {
+  service_thread.store(std::this_thread::get_id());
+  bool attempt = false;
+  bool want_write = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (wsi == nullptr && keep_connected && ratelimit(&connect_stamp, kReconnectPeriod))
+      attempt = true;
+    else if (connected && !outbound.empty())
+      want_write = true;
+  }
+  if (attempt) {
+    zel_log(LOG_NOTICE, "Attempting to connect to messaging server...\n");
+    clear_context();
+    service_thread.store(std::this_thread::get_id());
+    if (create_context() && setup_connection()) wsi = lws_client_connect_via_info(&connect_info);
+  } else if (want_write && wsi != nullptr) {
+    lws_callback_on_writable(wsi);
+  }
+  if (context != nullptr) lws_service(context, -1);
+  return wsi != nullptr;
+}
+
+bool WebSocketClient::is_connected() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return connected;
+}
+
+void WebSocketClient::clear_context() {
+  if (context != nullptr) {
+    lws_context_destroy(context);
+    context = nullptr;
+  }
+  wsi = nullptr;
+  // A later thread may be given the same id; it must not pass for the servicing thread.
+  service_thread.store(std::thread::id());
+}
+
+bool WebSocketClient::create_context() {
+  std::memset(&context_info, 0, sizeof context_info);
+  context_info.port = CONTEXT_PORT_NO_LISTEN;
+  context_info.protocols = protocols;
+  context_info.ssl_ca_filepath = ca_file.c_str();
+  context_info.ssl_cipher_list = "ECDHE-RSA-CHACHA20-POLY1305:AES128-SHA:MEDIUM:!aNULL";
+  context_info.ka_time = 15;
+  context_info.ka_probes = 3;
+  context_info.ka_interval = 3;
+  context_info.gid = -1;
+  context_info.uid = -1;
+  // The Origin header must carry the device MAC exactly as given, without a scheme.
+  context_info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_JUST_USE_RAW_ORIGIN;
+  context_info.user = this;
+  // A device without its certificate or key still connects, just without client auth.
+  if (readable(cert_file)) context_info.ssl_cert_filepath = cert_file.c_str();
+  if (readable(key_file)) context_info.ssl_private_key_filepath = key_file.c_str();
+
+  context = lws_create_context(&context_info);
+  if (context == nullptr) {
+    zel_log(LOG_ERR, "lws_create_context failed");
+    return false;
+  }
+  wsi = nullptr;
+  std::lock_guard<std::mutex> lock(mutex);
+  connected = false;
+  return true;
+}
+
+bool WebSocketClient::setup_connection() {
+  std::memset(&connect_info, 0, sizeof connect_info);
+  std::free(uri_copy);
+  uri_copy = static_cast<char*>(std::malloc(server_uri.size() + 1));
+  if (uri_copy == nullptr) return false;
+  std::memcpy(uri_copy, server_uri.c_str(), server_uri.size() + 1);
+
+  const char* address = nullptr;
+  int port = 0;
+  uri_scheme = nullptr;
+  uri_path = nullptr;
+  if (lws_parse_uri(uri_copy, &uri_scheme, &address, &port, &uri_path) != 0) {
+    zel_log(LOG_ERR, "Bad URI(%s) for messaging server specified\n", server_uri.c_str());
+    return false;
+  }
+  path_buffer[0] = '/';
+  std::strncpy(path_buffer + 1, uri_path != nullptr ? uri_path : "", sizeof path_buffer - 2);
+  path_buffer[sizeof path_buffer - 1] = '\0';
+
+  bool tls = uri_scheme != nullptr &&
+             (std::strcmp(uri_scheme, "https") == 0 || std::strcmp(uri_scheme, "wss") == 0);
+  // The server is verified against the CA, but its host name is not checked.
+  connect_info.ssl_connection = tls ? (LCCSCF_USE_SSL | LCCSCF_SKIP_SERVER_CERT_HOSTNAME_CHECK) : 0;
+  connect_info.context = context;
+  connect_info.address = address;
+  connect_info.port = port;
+  connect_info.path = path_buffer;
+  connect_info.host = address;
+  connect_info.origin = origin.c_str();
+  connect_info.protocol = "";
+  connect_info.ietf_version_or_minus_one = -1;
+  connect_info.client_exts = exts;
+  return true;
+}
+
+void WebSocketClient::set_connected(bool c) {
+  bool was_connected;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    was_connected = connected;
+    connected = c;
+  }
+  if (c) {
+    call_guarded(on_connect, "Connect");
+    std::lock_guard<std::mutex> lock(mutex);
+    disconnect_promise = std::promise<void>();
+    disconnect_signalled = false;
+    return;
+  }
+  if (was_connected) call_guarded(on_disconnect, "Disconnect");
+  std::lock_guard<std::mutex> lock(mutex);
+  if (disconnect_signalled) return;
+  try {
+    disconnect_promise.set_value();
+    disconnect_signalled = true;
+  } catch (const std::future_error&) {
+    zel_log(LOG_ERR, "Future error, sad\n");
+  }
+}
+
+int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*user*/, void* in,
+                              size_t len) {
+  lws_context* ctx = lws_get_context(wsi);
+  if (ctx == nullptr) {
+    zel_log(LOG_ERR, "No valid context\n");
+    return -1;
+  }
+  auto* client = static_cast<WebSocketClient*>(lws_context_user(ctx));
+  if (client == nullptr) {
+    zel_log(LOG_ERR, "No user context\n");
+    return -1;
+  }
+
+  switch (reason) {
+    case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+      zel_log(LOG_ERR, "Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n");
+      client->set_connected(false);
+      return 0;
+    case LWS_CALLBACK_CLIENT_ESTABLISHED:
+      client->set_connected(true);
+      lws_callback_on_writable(wsi);
+      return 0;
+    case LWS_CALLBACK_CLOSED:
+      zel_log(LOG_NOTICE, "Connection LWS_CALLBACK_CLOSED\n");
+      client->set_connected(false);
+      return 0;
+    case LWS_CALLBACK_CLIENT_RECEIVE:
+      client->on_received(wsi, in, len);
+      return 0;
+    case LWS_CALLBACK_CLIENT_WRITEABLE:
+      return client->on_writeable(wsi);
+    case LWS_CALLBACK_WSI_DESTROY:
+      // Only now may service_socket build the next connection.
+      if (client->wsi == wsi) client->wsi = nullptr;
+      return 0;
+    case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: {
+      zel_log(LOG_NOTICE, "LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: len %zu\n", len);
+      const auto* bytes = static_cast<const unsigned char*>(in);
+      for (size_t i = 0; bytes != nullptr && i < len; ++i)
+        zel_log(LOG_NOTICE, " %d: 0x%02X \n", static_cast<int>(i), bytes[i]);
+      client->set_connected(false);
+      return 0;
+    }
+    case LWS_CALLBACK_CLIENT_CLOSED:
+      zel_log(LOG_NOTICE, "Connection LWS_CALLBACK_CLIENT_CLOSED\n");
+      client->set_connected(false);
+      return 0;
+    default:
+      return 0;
+  }
+}
+
+void WebSocketClient::on_received(lws* w, const void* in, size_t len) {
+  // Earlier pieces of a message that arrives in fragments are not kept: with a 1 MiB
+  // receive buffer a message normally arrives whole, and the last piece is what counts.
+  if (!lws_is_final_fragment(w)) return;
+  std::string text(static_cast<const char*>(in), len);
+  std::lock_guard<std::mutex> lock(mutex);
+  inbound.emplace_back(std::move(text));
+}
+
+int WebSocketClient::on_writeable(lws* w) {
+  OutboundType msg;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!keep_connected) {
+      lws_close_reason(w, static_cast<lws_close_status>(kCloseDisconnecting), nullptr, 0);
+      return -1;
+    }
+    if (outbound.empty()) return 0;
+    msg = *outbound.begin();
+    msg.attempts += 1;
+    if (msg.message.empty()) {
+      outbound.erase(outbound.begin());
+    } else if (msg.message.size() > kMaxPayload) {
+      outbound.erase(outbound.begin());
+    }
+  }
+  if (msg.message.empty()) {
+    zel_log(LOG_NOTICE, "Empty contents, treat as a disconnect request\n");
+    lws_close_reason(w, static_cast<lws_close_status>(kCloseRequested), nullptr, 0);
+    return -1;
+  }
+  const size_t length = msg.message.size();
+  if (length > kMaxPayload) {
+    zel_log(LOG_WARN, "Payload(%zu) bigger than buffer(%d), skipping\n", length,
+            static_cast<int>(kMaxPayload));
+    return 0;
+  }
+  if (write_buffer.size() < length + LWS_PRE) write_buffer.resize(length + LWS_PRE);
+  std::memcpy(write_buffer.data() + LWS_PRE, msg.message.data(), length);
+  int written = lws_write(w, write_buffer.data() + LWS_PRE, length, LWS_WRITE_TEXT);
+  if (written >= 0 && static_cast<size_t>(written) >= length) {
+    outbound_remove_message(msg);
+    return 0;
+  }
+  if (written < 0) zel_log(LOG_ERR, "ERROR %d writing to socket, hanging up\n", written);
+  zel_log(LOG_ERR, "Partial write\n");
+  // The message stays queued for the next connection unless it has failed repeatedly.
+  if (msg.attempts > 3) outbound_remove_message(msg);
+  lws_close_reason(w, static_cast<lws_close_status>(kCloseWriteFailed), nullptr, 0);
+  return -1;
+}
+
+}  // namespace zel

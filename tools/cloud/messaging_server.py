@@ -1,0 +1,551 @@
+#!/usr/bin/python3
+"""Local cloud messaging server: a TLS WebSocket peer for the device.
+
+Machine mode (default): every event is one JSON object per line on stdout and
+commands are read as JSON lines from stdin. The server exits when stdin closes.
+
+Events:
+  {"event":"listening","port":N}
+  {"event":"connect","conn":N,"path":..,"origin":..|null,"client_cert":bool,
+   "subprotocol":..|null,"headers":{..}}
+  {"event":"message","conn":N,"text":..,"binary":bool,"length":bytes}
+  {"event":"close","conn":N,"code":N,"reason":..,"sent_code":N|null}
+  {"event":"sent","text":..,"binary":bool,"auto":bool[,"seq":..]}
+  {"event":"done","cmd":..[,"seq":..]}          (set, close, drop)
+  {"event":"error","message":..[,"seq":..]}
+
+Commands (an optional "seq" is echoed in the event that answers the command):
+  {"cmd":"send","text":..}            {"cmd":"send_binary","text":..}
+  {"cmd":"send_fragments","parts":[..],"binary":false}
+  {"cmd":"request","subject":..,"content":..,"id":..,"from":..,"to":..,"date":..,
+   "sample":false}
+  {"cmd":"close","code":4000,"reason":""}   {"cmd":"drop"}
+  {"cmd":"set", <flag>: <value>, ...}       {"cmd":"stop"}
+
+Interactive mode (--interactive): a small console for people; type "help".
+"""
+
+import argparse
+import asyncio
+import datetime
+import json
+import os
+import shutil
+import ssl
+import subprocess
+import sys
+import tempfile
+import threading
+
+import websockets
+import websockets.exceptions
+from websockets.legacy.server import WebSocketServerProtocol
+
+SERVER_NAME = "zel-cloud"
+
+
+def now_iso():
+    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
+
+
+def iso_to_epoch(text):
+    """ISO 8601 time (Z, offset or naive = UTC; optional fraction) -> epoch seconds."""
+    if not isinstance(text, str):
+        raise ValueError("start_at is not a string")
+    value = text.strip()
+    if value.endswith(("Z", "z")):
+        value = value[:-1] + "+00:00"
+    moment = datetime.datetime.fromisoformat(value)
+    if moment.tzinfo is None:
+        moment = moment.replace(tzinfo=datetime.timezone.utc)
+    seconds = moment.timestamp()
+    return int(seconds) if seconds == int(seconds) else seconds
+
+
+class AnyProtocol(WebSocketServerProtocol):
+    """Accepts whatever subprotocol the client offers first (or none)."""
+
+    def process_subprotocol(self, headers, available_subprotocols):
+        offered = []
+        for value in headers.get_all("Sec-WebSocket-Protocol"):
+            offered += [p.strip() for p in value.split(",") if p.strip()]
+        return offered[0] if offered else None
+
+
+class Cloud:
+    def __init__(self, args):
+        self.args = args
+        self.interactive = args.interactive
+        self.current = None
+        self.conn_counter = 0
+        self.req_counter = 0
+        self.device = None
+        self.stop_event = None
+        self.loop = None
+        self.flags = {
+            "auto_pong": True,
+            "auto_version": True,
+            "auto_storage": False,
+            "auto_ack": False,
+            "storage_delay": 0.0,
+            "ack_delay": 0.0,
+            "storage_account": "devstoreaccount1",
+            "storage_token": "sv=2020-08-04&sig=test",
+            "storage_secret": "secret",
+            "version_reply": {
+                "registered": True,
+                "enabled": True,
+                "account_id": 42,
+                "device_uuid": "dev-uuid-1",
+                "partner_id": 7,
+            },
+        }
+
+    # ----------------------------------------------------------------- output
+    def emit(self, obj):
+        if self.interactive:
+            self.show(obj)
+            return
+        sys.stdout.write(json.dumps(obj, ensure_ascii=True) + "\n")
+        sys.stdout.flush()
+
+    def show(self, obj):
+        kind = obj.get("event")
+        if kind == "message":
+            text = obj["text"]
+            try:
+                parsed = json.loads(text)
+                subject = parsed.get("subject") if isinstance(parsed, dict) else None
+                if subject is None and isinstance(parsed, dict) and "original_id" in parsed:
+                    subject = "reply to " + str(parsed["original_id"])
+                body = json.dumps(parsed, indent=2, ensure_ascii=False)
+            except ValueError:
+                subject, body = "not json", text
+            print("<- [%s] %s" % (subject, body), flush=True)
+        elif kind == "sent":
+            print("-> %s%s" % ("(auto) " if obj.get("auto") else "", obj["text"]), flush=True)
+        elif kind == "connect":
+            print("** device connected: path %s, client certificate: %s"
+                  % (obj["path"], "yes" if obj["client_cert"] else "no"), flush=True)
+        elif kind == "close":
+            print("** device disconnected: code %s %s" % (obj["code"], obj["reason"]), flush=True)
+        elif kind == "error":
+            print("!! " + obj["message"], flush=True)
+        elif kind == "listening":
+            scheme = "ws" if self.args.plain else "wss"
+            print("local cloud listening on %s://%s:%d/  (type help)"
+                  % (scheme, self.args.host, obj["port"]), flush=True)
+
+    # ------------------------------------------------------------- connection
+    async def handler(self, ws):
+        self.conn_counter += 1
+        conn = self.conn_counter
+        self.current = ws
+        peer_cert = False
+        ssl_object = ws.transport.get_extra_info("ssl_object")
+        if ssl_object is not None:
+            try:
+                peer_cert = bool(ssl_object.getpeercert())
+            except ValueError:
+                peer_cert = False
+        headers = {}
+        for name, value in ws.request_headers.raw_items():
+            headers[name] = headers[name] + ", " + value if name in headers else value
+        self.emit({
+            "event": "connect",
+            "conn": conn,
+            "path": ws.path,
+            "origin": ws.request_headers.get("Origin"),
+            "client_cert": peer_cert,
+            "subprotocol": ws.subprotocol,
+            "headers": headers,
+        })
+        try:
+            while True:
+                data = await ws.recv()
+                self.on_message(conn, data)
+        except websockets.exceptions.ConnectionClosed:
+            pass
+        await ws.wait_closed()
+        if self.current is ws:
+            self.current = None
+        self.emit({
+            "event": "close",
+            "conn": conn,
+            "code": ws.close_code,
+            "reason": ws.close_reason or "",
+            "sent_code": ws.close_sent.code if ws.close_sent is not None else None,
+        })
+
+    def on_message(self, conn, data):
+        binary = isinstance(data, bytes)
+        text = data.decode("utf-8", errors="replace") if binary else data
+        length = len(data) if binary else len(data.encode("utf-8"))
+        self.emit({"event": "message", "conn": conn, "text": text, "binary": binary,
+                   "length": length})
+        try:
+            msg = json.loads(text)
+        except ValueError:
+            return
+        if not isinstance(msg, dict):
+            return
+        for key in ("from", "device"):
+            if isinstance(msg.get(key), str) and msg[key]:
+                self.device = msg[key]
+                break
+        if "original_id" in msg:
+            return  # a reply from the device: report only
+        subject = msg.get("subject")
+        content = msg.get("content")
+        flags = self.flags
+        if subject == "ping" and flags["auto_pong"]:
+            self.spawn(self.send_request("pong", "pong", auto=True))
+        elif subject == "version" and flags["auto_version"]:
+            self.spawn(self.send_request("version", flags["version_reply"], auto=True))
+        elif subject == "storage_access_request" and flags["auto_storage"]:
+            self.spawn(self.storage_reply(content))
+        elif (subject == "transaction" and flags["auto_ack"] and isinstance(content, dict)
+              and content.get("model") == "archive"):
+            self.spawn(self.ack_reply(content))
+
+    def spawn(self, coro):
+        task = asyncio.ensure_future(coro)
+        task.add_done_callback(lambda t: t.cancelled() or t.exception())
+
+    async def storage_reply(self, content):
+        props = content.get("properties") if isinstance(content, dict) else None
+        props = props if isinstance(props, dict) else {}
+        try:
+            start = iso_to_epoch(props.get("start_at"))
+        except (ValueError, TypeError) as exc:
+            self.emit({"event": "error", "message": "storage request start_at: %s" % exc})
+            start = None
+        mac = props.get("cameraMac")
+        reply = {
+            "account": self.flags["storage_account"],
+            "token": self.flags["storage_token"],
+            "secret": self.flags["storage_secret"],
+            "start_at": start,
+            "camera_mac": mac.lower() if isinstance(mac, str) else mac,
+        }
+        if self.flags["storage_delay"]:
+            await asyncio.sleep(float(self.flags["storage_delay"]))
+        await self.send_request("getStorageAccess", reply, auto=True)
+
+    async def ack_reply(self, content):
+        props = content.get("properties")
+        props = props if isinstance(props, dict) else {}
+        reply = {"type": "archive", "from": props.get("mac_address"),
+                 "start_at": props.get("start_at")}
+        if self.flags["ack_delay"]:
+            await asyncio.sleep(float(self.flags["ack_delay"]))
+        await self.send_request("transactionAck", reply, auto=True)
+
+    # ---------------------------------------------------------------- sending
+    def envelope(self, subject, content, has_content=True, msg_id=None, sender=None,
+                 to=None, date=None):
+        if msg_id is None:
+            self.req_counter += 1
+            msg_id = "req-%d" % self.req_counter
+        env = {
+            "id": msg_id,
+            "from": SERVER_NAME if sender is None else sender,
+            "to": self.device if to is None else to,
+            "subject": subject,
+            "date": now_iso() if date is None else date,
+        }
+        if has_content:
+            env["content"] = content
+        return json.dumps(env, separators=(",", ":"), ensure_ascii=False)
+
+    async def send_request(self, subject, content, auto=False, seq=None):
+        await self.send_text(self.envelope(subject, content), auto=auto, seq=seq)
+
+    async def send_text(self, payload, binary=False, auto=False, seq=None):
+        ws = self.current
+        if ws is None:
+            self.reply_error("no device connected", seq)
+            return False
+        try:
+            await ws.send(payload.encode("utf-8") if binary else payload)
+        except websockets.exceptions.ConnectionClosed:
+            self.reply_error("connection closed", seq)
+            return False
+        if isinstance(payload, (list, tuple)):
+            payload = "".join(payload)
+        event = {"event": "sent", "text": payload, "binary": binary, "auto": auto}
+        if seq is not None:
+            event["seq"] = seq
+        self.emit(event)
+        return True
+
+    def reply_error(self, message, seq=None):
+        event = {"event": "error", "message": message}
+        if seq is not None:
+            event["seq"] = seq
+        self.emit(event)
+
+    def reply_done(self, cmd, seq):
+        event = {"event": "done", "cmd": cmd}
+        if seq is not None:
+            event["seq"] = seq
+        self.emit(event)
+
+    # --------------------------------------------------------------- commands
+    async def command(self, cmd):
+        if not isinstance(cmd, dict) or not isinstance(cmd.get("cmd"), str):
+            self.reply_error("a command is a JSON object with a \"cmd\" string")
+            return
+        seq = cmd.get("seq")
+        name = cmd["cmd"]
+        ws = self.current
+        if name == "send":
+            await self.send_text(str(cmd.get("text", "")), seq=seq)
+        elif name == "send_binary":
+            await self.send_text(str(cmd.get("text", "")), binary=True, seq=seq)
+        elif name == "send_fragments":
+            parts = cmd.get("parts")
+            if not isinstance(parts, list) or not parts or \
+                    not all(isinstance(p, str) for p in parts):
+                self.reply_error("send_fragments needs a non-empty list of strings", seq)
+                return
+            if ws is None:
+                self.reply_error("no device connected", seq)
+                return
+            frames = [p.encode("utf-8") for p in parts] if cmd.get("binary") else list(parts)
+            try:
+                await ws.send(frames)
+            except websockets.exceptions.ConnectionClosed:
+                self.reply_error("connection closed", seq)
+                return
+            event = {"event": "sent", "text": "".join(parts), "binary": bool(cmd.get("binary")),
+                     "auto": False, "parts": len(parts)}
+            if seq is not None:
+                event["seq"] = seq
+            self.emit(event)
+        elif name == "request":
+            subject = cmd.get("subject")
+            if not isinstance(subject, str):
+                self.reply_error("request needs a subject", seq)
+                return
+            if cmd.get("sample"):
+                try:
+                    content, has_content = self.sample_content(subject), True
+                except Exception as exc:  # openssl failures and the like
+                    self.reply_error("sample content for %s: %s" % (subject, exc), seq)
+                    return
+            else:
+                content, has_content = cmd.get("content"), "content" in cmd
+            text = self.envelope(subject, content, has_content, msg_id=cmd.get("id"),
+                                 sender=cmd.get("from"), to=cmd.get("to"),
+                                 date=cmd.get("date"))
+            await self.send_text(text, seq=seq)
+        elif name == "close":
+            if ws is None:
+                self.reply_error("no device connected", seq)
+                return
+            await ws.close(code=int(cmd.get("code", 1000)), reason=str(cmd.get("reason", "")))
+            self.reply_done(name, seq)
+        elif name == "drop":
+            if ws is None:
+                self.reply_error("no device connected", seq)
+                return
+            ws.transport.abort()
+            self.reply_done(name, seq)
+        elif name == "set":
+            unknown = [k for k in cmd if k not in self.flags and k not in ("cmd", "seq")]
+            if unknown:
+                self.reply_error("unknown flags: " + ", ".join(sorted(unknown)), seq)
+                return
+            for key, value in cmd.items():
+                if key in self.flags:
+                    self.flags[key] = value
+            self.reply_done(name, seq)
+        elif name == "stop":
+            self.reply_done(name, seq)
+            self.stop_event.set()
+        else:
+            self.reply_error("unknown command: " + name, seq)
+
+    # ------------------------------------------------------ interactive mode
+    SUBJECTS = ["details", "status", "version", "actions", "action", "update",
+                "issueCertificate", "transaction", "transactionAck", "getStorageAccess",
+                "pong"]
+
+    def sample_content(self, subject):
+        if subject == "version":
+            return self.flags["version_reply"]
+        if subject == "actions":
+            return {"options": {"device": "door-1"}}
+        if subject == "action":
+            return {"device": "door-1", "action": "open", "value": 5}
+        if subject == "update":
+            return {"url": "https://example.invalid/fw.bin", "hash": "abc", "device": "nvr"}
+        if subject == "issueCertificate":
+            return {"contents": self.issue_certificate()}
+        if subject == "transaction":
+            return {"model": "archive", "properties": {"mac_address": self.device,
+                                                       "start_at": now_iso()}}
+        if subject == "transactionAck":
+            return {"type": "archive", "from": self.device, "start_at": now_iso()}
+        if subject == "getStorageAccess":
+            return {"account": self.flags["storage_account"],
+                    "token": self.flags["storage_token"],
+                    "secret": self.flags["storage_secret"],
+                    "start_at": iso_to_epoch(now_iso()), "camera_mac": self.device}
+        if subject == "pong":
+            return "pong"
+        return {}
+
+    def issue_certificate(self):
+        if not self.args.ca:
+            raise RuntimeError("--ca is needed to issue certificates")
+        ca_key = os.path.join(os.path.dirname(os.path.abspath(self.args.ca)), "ca.key")
+        work = tempfile.mkdtemp(prefix="zel-issue-")
+        try:
+            ext = os.path.join(work, "client.ext")
+            with open(ext, "w") as f:
+                f.write("basicConstraints=CA:FALSE\n"
+                        "keyUsage=digitalSignature,keyEncipherment\n"
+                        "extendedKeyUsage=clientAuth\n")
+            key, csr, cert = (os.path.join(work, n) for n in ("new.key", "new.csr", "new.pem"))
+            run = lambda *a: subprocess.run(a, check=True, stdout=subprocess.DEVNULL,
+                                            stderr=subprocess.PIPE)
+            run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
+                "-out", csr, "-subj", "/CN=device")
+            run("openssl", "x509", "-req", "-in", csr, "-CA", self.args.ca, "-CAkey", ca_key,
+                "-set_serial", str(int.from_bytes(os.urandom(8), "big")), "-out", cert,
+                "-days", "825", "-extfile", ext)
+            with open(cert) as f:
+                cert_pem = f.read()
+            with open(key) as f:
+                key_pem = f.read()
+            return {"cert": cert_pem, "key": key_pem}
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+
+    async def console_line(self, line):
+        line = line.strip()
+        if not line:
+            return
+        if line.startswith("{"):
+            try:
+                await self.command(json.loads(line))
+            except ValueError as exc:
+                self.reply_error("bad JSON: %s" % exc)
+            return
+        word, _, rest = line.partition(" ")
+        rest = rest.strip()
+        if word in ("help", "?"):
+            print("subjects: " + " ".join(self.SUBJECTS) + "\n"
+                  "  <subject>              send a request with sample content\n"
+                  "  <subject> <json>       send a request with this content\n"
+                  "  raw <text>             send text as it is\n"
+                  "  close [code]           close the connection; drop: cut it\n"
+                  "  {\"cmd\":...}            a machine-mode command\n"
+                  "  quit", flush=True)
+        elif word == "raw":
+            await self.send_text(rest)
+        elif word == "close":
+            await self.command({"cmd": "close", "code": int(rest or 1000)})
+        elif word == "drop":
+            await self.command({"cmd": "drop"})
+        elif word in ("quit", "exit"):
+            self.stop_event.set()
+        else:
+            try:
+                content = json.loads(rest) if rest else self.sample_content(word)
+            except ValueError as exc:
+                self.reply_error("bad JSON content: %s" % exc)
+                return
+            except Exception as exc:
+                self.reply_error("cannot make %s content: %s" % (word, exc))
+                return
+            await self.send_request(word, content)
+
+    # ------------------------------------------------------------------ main
+    def read_stdin(self, queue):
+        stdin = sys.stdin.buffer
+        while True:
+            raw = stdin.readline()
+            if not raw:
+                break
+            self.loop.call_soon_threadsafe(queue.put_nowait, raw.decode("utf-8", "replace"))
+        self.loop.call_soon_threadsafe(queue.put_nowait, None)
+
+    async def process_input(self, queue):
+        while True:
+            line = await queue.get()
+            if line is None:
+                self.stop_event.set()
+                return
+            if self.interactive:
+                await self.console_line(line)
+                continue
+            if not line.strip():
+                continue
+            try:
+                cmd = json.loads(line)
+            except ValueError as exc:
+                self.reply_error("bad JSON command: %s" % exc)
+                continue
+            try:
+                await self.command(cmd)
+            except Exception as exc:  # keep serving whatever a command did
+                self.reply_error("command failed: %r" % exc,
+                                 cmd.get("seq") if isinstance(cmd, dict) else None)
+
+    async def main(self):
+        self.loop = asyncio.get_running_loop()
+        self.stop_event = asyncio.Event()
+        context = None
+        if not self.args.plain:
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            context.load_cert_chain(self.args.cert, self.args.key)
+            if self.args.ca:
+                context.load_verify_locations(cafile=self.args.ca)
+                context.verify_mode = ssl.CERT_OPTIONAL
+        server = await websockets.serve(
+            self.handler, self.args.host, self.args.port, ssl=context,
+            create_protocol=AnyProtocol, max_size=None, compression=None,
+            ping_interval=None, origins=None, close_timeout=3)
+        port = server.sockets[0].getsockname()[1]
+        self.emit({"event": "listening", "port": port})
+        queue = asyncio.Queue()
+        threading.Thread(target=self.read_stdin, args=(queue,), daemon=True).start()
+        input_task = asyncio.ensure_future(self.process_input(queue))
+        await self.stop_event.wait()
+        input_task.cancel()
+        server.close()
+        await server.wait_closed()
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Local cloud messaging server")
+    parser.add_argument("--host", default="127.0.0.1")
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--cert", help="server certificate (PEM)")
+    parser.add_argument("--key", help="server private key (PEM)")
+    parser.add_argument("--ca", help="CA (PEM) for optional client certificates")
+    parser.add_argument("--plain", action="store_true", help="plain ws, no TLS")
+    parser.add_argument("--interactive", action="store_true", help="console for people")
+    args = parser.parse_args()
+    if not args.plain and not (args.cert and args.key):
+        parser.error("--cert and --key are needed (or --plain)")
+    code = 0
+    try:
+        asyncio.run(Cloud(args).main())
+    except KeyboardInterrupt:
+        pass
+    except Exception as exc:  # bind failures and bad certificates end up here
+        print("messaging_server: %s" % exc, file=sys.stderr)
+        code = 1
+    sys.stdout.flush()
+    sys.stderr.flush()
+    # The stdin reader thread may still be blocked in read(): leave without
+    # waiting for it (a normal interpreter exit aborts on its buffer lock).
+    os._exit(code)
+
+
+if __name__ == "__main__":
+    main()
