@@ -40,6 +40,7 @@ class CloudServer {
     bool client_cert = false;                   // connect: a valid client cert was shown
     std::map<std::string, std::string> headers;  // connect: names lower-cased
     std::string subject;    // message/sent: "subject" of the JSON text, if any
+    std::string original_id;  // message: "original_id" of the JSON text (a reply), if any
     bool automatic = false;  // sent: an automatic reply (pong, version, ...)
     std::string raw;        // the whole event line
   };
@@ -89,12 +90,16 @@ class CloudServer {
   bool drop();                                // abort the TCP connection, no close frame
   bool set(const std::string& flags_json);    // e.g. R"({"auto_pong":false})"
 
-  void stop();     // kill the server (no close frames: like a crash)
-  void restart();  // stop if running, then start again on the same port
+  // Ends the server. Default: SIGTERM, so the device sees the TCP connection end with
+  // no close frame (like a crash). graceful: the server closes with 1001 and exits.
+  void stop(bool graceful = false);
+  void restart();  // stop (not graceful) if running, then start again on the same port
+  bool running() const;
 
  private:
-  void start(int port);
-  void kill_child();
+  void start(int port);                    // proc_mu_ held
+  void end_child(bool graceful);           // proc_mu_ held
+  bool run_command(const std::string& json_object, std::string* sent_text);
   void reader_loop(int fd, unsigned generation);
   void handle_line(const std::string& line, unsigned generation);
 
