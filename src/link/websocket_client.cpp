@@ -27,6 +27,13 @@ const lws_extension exts[] = {
     {nullptr, nullptr, nullptr},
 };
 
+bool known_scheme(const char* scheme) {
+  if (scheme == nullptr) return false;
+  for (const char* known : {"wss", "https", "ws", "http"})
+    if (std::strcmp(scheme, known) == 0) return true;
+  return false;
+}
+
 bool readable(const std::string& path) {
   FILE* f = std::fopen(path.c_str(), "r");
   if (f == nullptr) return false;
@@ -134,8 +141,12 @@ bool WebSocketClient::create_context() {
   context_info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_JUST_USE_RAW_ORIGIN;
   context_info.user = this;
   // A device without its certificate or key still connects, just without client auth.
-  if (readable(cert_file)) context_info.ssl_cert_filepath = cert_file.c_str();
-  if (readable(key_file)) context_info.ssl_private_key_filepath = key_file.c_str();
+  // One without the other cannot authenticate and would make TLS set-up fail, so the
+  // pair is presented only when both files are readable.
+  if (readable(cert_file) && readable(key_file)) {
+    context_info.ssl_cert_filepath = cert_file.c_str();
+    context_info.ssl_private_key_filepath = key_file.c_str();
+  }
 
   context = lws_create_context(&context_info);
   if (context == nullptr) {
@@ -159,10 +170,15 @@ bool WebSocketClient::setup_connection() {
   int port = 0;
   uri_scheme = nullptr;
   uri_path = nullptr;
-  if (lws_parse_uri(uri_copy, &uri_scheme, &address, &port, &uri_path) != 0) {
+  // The parser accepts almost anything, so a URI without a known scheme or a host is
+  // refused here rather than left to fail inside the connection attempt.
+  if (lws_parse_uri(uri_copy, &uri_scheme, &address, &port, &uri_path) != 0 ||
+      !known_scheme(uri_scheme) || address == nullptr || *address == '\0') {
     zel_log(LOG_ERR, "Bad URI(%s) for messaging server specified\n", server_uri.c_str());
     return false;
   }
+  // The parser reports an absent path as "/"; the handshake path is "/" + the path.
+  if (uri_path != nullptr && *uri_path == '/') ++uri_path;
   path_buffer[0] = '/';
   std::strncpy(path_buffer + 1, uri_path != nullptr ? uri_path : "", sizeof path_buffer - 2);
   path_buffer[sizeof path_buffer - 1] = '\0';

@@ -426,11 +426,12 @@ bool CloudServer::send_binary(const std::string& text) {
   return run_command(print(cmd.get()), nullptr);
 }
 
-bool CloudServer::send_fragments(const std::vector<std::string>& parts) {
+bool CloudServer::send_fragments(const std::vector<std::string>& parts, bool empty_final) {
   Json cmd(cJSON_CreateObject());
   cJSON_AddStringToObject(cmd.get(), "cmd", "send_fragments");
   cJSON* list = cJSON_AddArrayToObject(cmd.get(), "parts");
   for (const std::string& p : parts) cJSON_AddItemToArray(list, cJSON_CreateString(p.c_str()));
+  cJSON_AddBoolToObject(cmd.get(), "empty_final", empty_final);
   return run_command(print(cmd.get()), nullptr);
 }
 

@@ -81,7 +81,9 @@ class CloudServer {
   bool send_command(const std::string& json_object);
   bool send_text(const std::string& text);
   bool send_binary(const std::string& text);
-  bool send_fragments(const std::vector<std::string>& parts);
+  // One text message in several frames; the last part carries FIN, or with empty_final
+  // every part is non-final and an empty final frame follows (what websockets does).
+  bool send_fragments(const std::vector<std::string>& parts, bool empty_final = false);
   // Sends a request envelope; content_json is JSON text ("" = no "content" member),
   // id "" lets the server number it. Returns the request id, "" on failure.
   std::string request(const std::string& subject, const std::string& content_json = "",

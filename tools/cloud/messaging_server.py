@@ -16,7 +16,8 @@ Events:
 
 Commands (an optional "seq" is echoed in the event that answers the command):
   {"cmd":"send","text":..}            {"cmd":"send_binary","text":..}
-  {"cmd":"send_fragments","parts":[..],"binary":false}
+  {"cmd":"send_fragments","parts":[..],"binary":false,"empty_final":false}
+      (empty_final: every part non-final, then an empty final frame)
   {"cmd":"request","subject":..,"content":..,"id":..,"from":..,"to":..,"date":..,
    "sample":false}
   {"cmd":"close","code":4000,"reason":""}   {"cmd":"drop"}
@@ -81,6 +82,7 @@ class Cloud:
         self.req_counter = 0
         self.device = None
         self.stop_event = None
+        self.send_lock = None
         self.loop = None
         self.flags = {
             "auto_pong": True,
@@ -267,12 +269,11 @@ class Cloud:
             self.reply_error("no device connected", seq)
             return False
         try:
-            await ws.send(payload.encode("utf-8") if binary else payload)
+            async with self.send_lock:
+                await ws.send(payload.encode("utf-8") if binary else payload)
         except websockets.exceptions.ConnectionClosed:
             self.reply_error("connection closed", seq)
             return False
-        if isinstance(payload, (list, tuple)):
-            payload = "".join(payload)
         event = {"event": "sent", "text": payload, "binary": binary, "auto": auto}
         if seq is not None:
             event["seq"] = seq
@@ -312,13 +313,23 @@ class Cloud:
             if ws is None:
                 self.reply_error("no device connected", seq)
                 return
-            frames = [p.encode("utf-8") for p in parts] if cmd.get("binary") else list(parts)
+            binary = bool(cmd.get("binary"))
+            frames = [p.encode("utf-8") for p in parts]
             try:
-                await ws.send(frames)
-            except websockets.exceptions.ConnectionClosed:
+                async with self.send_lock:
+                    if cmd.get("empty_final"):
+                        # The websockets way: every part non-final, then an empty final frame.
+                        await ws.send(frames if binary else list(parts))
+                    else:
+                        # The last part carries FIN.
+                        for i, data in enumerate(frames):
+                            opcode = (2 if binary else 1) if i == 0 else 0
+                            await ws.write_frame(i == len(frames) - 1, opcode, data)
+            except (websockets.exceptions.ConnectionClosed,
+                    websockets.exceptions.InvalidState):
                 self.reply_error("connection closed", seq)
                 return
-            event = {"event": "sent", "text": "".join(parts), "binary": bool(cmd.get("binary")),
+            event = {"event": "sent", "text": "".join(parts), "binary": binary,
                      "auto": False, "parts": len(parts)}
             if seq is not None:
                 event["seq"] = seq
@@ -498,6 +509,7 @@ class Cloud:
     async def main(self):
         self.loop = asyncio.get_running_loop()
         self.stop_event = asyncio.Event()
+        self.send_lock = asyncio.Lock()
         context = None
         if not self.args.plain:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

@@ -1,0 +1,95 @@
+#include "upload/uploader_cluster.h"
+
+#include "foundation/time_utils.h"
+#include "upload/uploader.h"
+#include "upload/uploader_thread.h"
+
+namespace zel {
+
+std::string upload_key(const UploadData& d) { return d.camera_mac + std::to_string(d.start_time); }
+
+UploaderCluster::UploaderCluster(const std::string& ca) : ca_file(ca) {
+  // Before the first thread exists: libcurl's global set-up is not thread-safe.
+  uploader_global_init();
+  set_size(1);
+}
+
+UploaderCluster::~UploaderCluster() { set_size(0); }
+
+void UploaderCluster::upload(const PendingClip& clip) {
+  auto d = std::make_shared<UploadData>();
+  d->aborted = false;
+  d->start = time_now();
+  d->last_elapsed = 0;
+  d->nvr_mac = clip.nvr_mac;
+  d->camera_mac = clip.clip.camera_mac;
+  d->start_time = clip.clip.start_time;
+  d->path = clip.clip.path;
+  d->account = clip.credentials.account;
+  d->token = clip.credentials.token;
+  d->secret = clip.credentials.secret;
+  d->start_at = clip.credentials.start_at;
+  d->credential_camera_mac = clip.credentials.camera_mac;
+  d->expires_at = clip.credentials.expires_at;
+  d->expect_timeout_s = clip.opts.upload_option;
+  d->timeout_s = clip.opts.confirm_timeout;
+  d->progress = clip.opts.upload_callback;
+  d->expected_size = clip.clip.size;
+  std::lock_guard<std::mutex> lock(queue_mutex);
+  queue.push_back(std::move(d));
+  work_ready.notify_one();
+}
+
+std::shared_ptr<UploadData> UploaderCluster::get_upload_data() {
+  if (queue.empty()) return nullptr;
+  std::shared_ptr<UploadData> front = queue.front();
+  queue.pop_front();
+  return front;
+}
+
+void UploaderCluster::add_upload_status(const UploadStatus& status) {
+  std::lock_guard<std::mutex> lock(queue_mutex);
+  statuses.push_back(status);
+}
+
+std::vector<UploadStatus> UploaderCluster::get_statuses() {
+  std::vector<UploadStatus> taken;
+  std::lock_guard<std::mutex> lock(queue_mutex);
+  taken.swap(statuses);
+  return taken;
+}
+
+void UploaderCluster::set_size(unsigned n) {
+  std::lock_guard<std::mutex> lock(pool_mutex);
+  if (pool_size >= n) {
+    // Tell every thread that goes to stop first, then join them: their uploads in
+    // progress finish side by side instead of one after the other.
+    for (size_t i = n; i < threads.size(); ++i) threads[i]->request_stop();
+    while (threads.size() > n) threads.pop_back();
+    pool_size = n;
+  } else {
+    while (threads.size() < n) threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+    pool_size = static_cast<unsigned>(threads.size());
+  }
+}
+
+unsigned UploaderCluster::size() {
+  std::lock_guard<std::mutex> lock(pool_mutex);
+  return pool_size;
+}
+
+size_t UploaderCluster::queued() {
+  std::lock_guard<std::mutex> lock(queue_mutex);
+  return queue.size();
+}
+
+std::vector<std::string> UploaderCluster::take_queued_keys() {
+  std::vector<std::string> keys;
+  std::lock_guard<std::mutex> lock(queue_mutex);
+  keys.reserve(queue.size());
+  for (const auto& d : queue) keys.push_back(upload_key(*d));
+  queue.clear();
+  return keys;
+}
+
+}  // namespace zel

@@ -1,0 +1,66 @@
+// The pool that uploads clips in the background: a FIFO of upload jobs, a set of upload
+// threads each with its own Uploader, and the statuses they report. The messaging worker
+// queues clips, collects statuses once per pass, and sizes the pool.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "clips/pending_clip.h"
+#include "upload/upload_data.h"
+#include "upload/upload_status.h"
+
+namespace zel {
+
+class UploaderThread;
+
+class UploaderCluster {
+ public:
+  // Starts one upload thread.
+  explicit UploaderCluster(const std::string& ca_file);
+  // Stops and joins every thread (waiting for uploads in progress).
+  ~UploaderCluster();
+  UploaderCluster(const UploaderCluster&) = delete;
+  UploaderCluster& operator=(const UploaderCluster&) = delete;
+
+  // Queues one clip. Everything needed is copied: the clip may change or go afterwards.
+  void upload(const PendingClip& clip);
+  // Takes every status collected so far, in arrival order.
+  std::vector<UploadStatus> get_statuses();
+  // Grows or shrinks the pool to n threads. Shrinking waits for the uploads of the
+  // removed threads to finish; set_size(0) leaves queued work in the queue.
+  void set_size(unsigned n);
+
+  unsigned size();
+  // Jobs queued and not yet taken by a thread.
+  size_t queued();
+  // Removes the jobs no thread has started and returns their keys (camera MAC followed
+  // by the decimal start second), oldest first, so the caller can fail those clips.
+  std::vector<std::string> take_queued_keys();
+
+ private:
+  friend class UploaderThread;
+
+  // Pops the oldest job, or null; the caller holds queue_mutex.
+  std::shared_ptr<UploadData> get_upload_data();
+  void add_upload_status(const UploadStatus& status);
+
+  std::string ca_file;
+  unsigned pool_size = 0;
+  std::vector<std::shared_ptr<UploaderThread>> threads;
+  std::deque<std::shared_ptr<UploadData>> queue;
+  std::vector<UploadStatus> statuses;
+  std::mutex queue_mutex;  // guards queue, statuses and every thread's stop flag
+  std::mutex pool_mutex;   // guards threads and pool_size
+  std::condition_variable work_ready;
+};
+
+// The key under which statuses and queued jobs are reported.
+std::string upload_key(const UploadData& d);
+
+}  // namespace zel

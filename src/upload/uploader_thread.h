@@ -1,0 +1,37 @@
+// One upload thread of the pool, with its own Uploader (and so its own connection).
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace zel {
+
+class Uploader;
+class UploaderCluster;
+struct UploadData;
+
+class UploaderThread {
+ public:
+  UploaderThread(UploaderCluster& cluster, const std::string& ca_file);
+  // Stops the thread and joins it: an upload in progress is finished first.
+  ~UploaderThread();
+  UploaderThread(const UploaderThread&) = delete;
+  UploaderThread& operator=(const UploaderThread&) = delete;
+
+  // Tells the thread to end once its current upload (if any) is done; it takes no new
+  // work after this. Lets the pool stop several threads at once before joining them.
+  void request_stop();
+
+ private:
+  void worker();
+  void run_one(UploadData& item);
+
+  std::atomic<bool> running{false};
+  std::unique_ptr<std::thread> thread;
+  std::unique_ptr<Uploader> uploader;
+  UploaderCluster& cluster;
+};
+
+}  // namespace zel
