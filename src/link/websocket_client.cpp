@@ -104,7 +104,7 @@ bool WebSocketClient::service_socket() {
     clear_context();
     service_thread.store(std::this_thread::get_id());
     if (create_context() && setup_connection()) wsi = lws_client_connect_via_info(&connect_info);
-  } else if (want_write && wsi != nullptr) {
+  } else if (want_write && wsi != nullptr && !closing) {
     lws_callback_on_writable(wsi);
   }
   if (context != nullptr) lws_service(context, -1);
@@ -154,6 +154,7 @@ bool WebSocketClient::create_context() {
     return false;
   }
   wsi = nullptr;
+  closing = false;
   std::lock_guard<std::mutex> lock(mutex);
   connected = false;
   return true;
@@ -243,6 +244,7 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*use
       client->set_connected(false);
       return 0;
     case LWS_CALLBACK_CLIENT_ESTABLISHED:
+      client->closing = false;
       client->set_connected(true);
       lws_callback_on_writable(wsi);
       return 0;
@@ -285,14 +287,18 @@ void WebSocketClient::on_received(lws* w, const void* in, size_t len) {
   inbound.emplace_back(std::move(text));
 }
 
+int WebSocketClient::close_with(lws* w, int code) {
+  closing = true;
+  lws_close_reason(w, static_cast<lws_close_status>(code), nullptr, 0);
+  return -1;
+}
+
 int WebSocketClient::on_writeable(lws* w) {
+  if (closing) return 0;
   OutboundType msg;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!keep_connected) {
-      lws_close_reason(w, static_cast<lws_close_status>(kCloseDisconnecting), nullptr, 0);
-      return -1;
-    }
+    if (!keep_connected) return close_with(w, kCloseDisconnecting);
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     msg.attempts += 1;
@@ -304,8 +310,7 @@ int WebSocketClient::on_writeable(lws* w) {
   }
   if (msg.message.empty()) {
     zel_log(LOG_NOTICE, "Empty contents, treat as a disconnect request\n");
-    lws_close_reason(w, static_cast<lws_close_status>(kCloseRequested), nullptr, 0);
-    return -1;
+    return close_with(w, kCloseRequested);
   }
   const size_t length = msg.message.size();
   if (length > kMaxPayload) {
@@ -324,8 +329,7 @@ int WebSocketClient::on_writeable(lws* w) {
   zel_log(LOG_ERR, "Partial write\n");
   // The message stays queued for the next connection unless it has failed repeatedly.
   if (msg.attempts > 3) outbound_remove_message(msg);
-  lws_close_reason(w, static_cast<lws_close_status>(kCloseWriteFailed), nullptr, 0);
-  return -1;
+  return close_with(w, kCloseWriteFailed);
 }
 
 }  // namespace zel

@@ -60,11 +60,16 @@ class WebSocketClient {
   bool create_context();
   bool setup_connection();
   int on_writeable(lws* wsi);
+  int close_with(lws* wsi, int code);
   void on_received(lws* wsi, const void* in, size_t len);
   bool on_worker_thread() const;
   void request_writeable_locked();
 
   lws* wsi = nullptr;
+  // Set once this side has asked lws to close the connection: lws may still offer
+  // writeable events while it waits for the close to complete, and anything written
+  // then would be lost with the connection. Worker thread only.
+  bool closing = false;
   bool connected = false;
   bool keep_connected = false;
   std::function<void()> on_connect;

@@ -234,9 +234,10 @@ UploadResult Uploader::upload(UploadData& d) {
     message += " HTTP Status Code: " + std::to_string(code);
   }
   std::string service_code = service_error_code();
-  zel_log(LOG_WARN, "Upload of %s to %s failed: %s%s%s\n", d.path.c_str(),
-          without_query(url).c_str(), message.c_str(),
-          service_code.empty() ? "" : ", service error code ", service_code.c_str());
+  // The service's own reason first: a logger may cut long lines short.
+  zel_log(LOG_WARN, "Upload failed%s%s: %s; to %s from %s\n",
+          service_code.empty() ? "" : ", service error code ", service_code.c_str(),
+          message.c_str(), without_query(url).c_str(), d.path.c_str());
   curl_easy_cleanup(handle);
   handle = nullptr;
   return {false, 0, message};

@@ -286,7 +286,7 @@ HttpReply Azurite::send(const std::string& method, const std::string& url) {
 
 bool Azurite::create_container(const std::string& name, const std::string& account) {
   HttpReply r = send("PUT", endpoint(account) + "/" + name + "?restype=container&" +
-                                account_sas(account), false);
+                                account_sas(account));
   return r.status == 201 || r.status == 409;
 }
 
