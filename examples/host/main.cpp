@@ -1,1 +1,211 @@
-int main() { return 0; }
+// An NVR host in one file: what a recorder does with the library from start to end.
+//
+//   zel_example_host --server wss://127.0.0.1:8443/ --ca ca.pem --cert client.pem
+//                    --key client.key --mac 00:11:22:33:44:55 [--clip FILE] [--wait 20]
+//
+// It registers the four callbacks, connects, announces a camera, a relay and a door,
+// sends a motion and an access event, uploads a clip if one is given, waits until the
+// cloud has asked it to perform an action, and disconnects. Exit status 0 only when
+// every step happened.
+#include <zel/upload.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace {
+
+std::mutex out_mu;
+void say(const std::string& line) {
+  std::lock_guard<std::mutex> lock(out_mu);
+  std::printf("[host] %s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+// Steps the story waits for; each is set once, from whatever thread sees it happen.
+struct Progress {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool connected = false;
+  bool status = false;
+  bool action = false;
+  int clip_state = -1;
+  std::string clip_message;
+
+  template <typename Pred>
+  bool wait(Pred pred, int seconds) {
+    std::unique_lock<std::mutex> lock(mu);
+    return cv.wait_for(lock, std::chrono::seconds(seconds), pred);
+  }
+  template <typename Fn>
+  void update(Fn fn) {
+    std::lock_guard<std::mutex> lock(mu);
+    fn();
+    cv.notify_all();
+  }
+};
+
+const char* state_name(int state) {
+  static const char* names[] = {"queued",    "rejected", "waiting for credentials",
+                                "upload started", "uploading", "uploaded",
+                                "confirmed", "failed"};
+  return state >= 0 && state <= 7 ? names[state] : "?";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::map<std::string, std::string> arg;
+  for (int i = 1; i + 1 < argc; i += 2) arg[argv[i]] = argv[i + 1];
+  if (arg["--server"].empty() || arg["--mac"].empty()) {
+    std::fprintf(stderr,
+                 "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
+                 "[--clip FILE] [--camera MAC] [--wait SECONDS]\n",
+                 argv[0]);
+    return 2;
+  }
+  const int wait_s = arg["--wait"].empty() ? 20 : std::atoi(arg["--wait"].c_str());
+  const std::string camera = arg["--camera"].empty() ? "0a1b2c3d4e5f" : arg["--camera"];
+  Progress progress;
+
+  // 1. Callbacks first: they run on the library's worker thread and must return quickly.
+  zel::Upload::register_cloud_status([&](zel::CloudStatus s) {
+    say("cloud status: registered=" + std::string(s.registered ? "yes" : "no") +
+        " enabled=" + (s.enabled ? "yes" : "no") + " account_id=" + std::to_string(s.account_id) +
+        " device_uuid=" + s.device_uuid);
+    progress.update([&] { progress.status = true; });
+  });
+  zel::Upload::register_list_actions([](std::string device) {
+    say("cloud asked for the actions of '" + device + "'");
+    return zel::MsgResponse("[\"open\",\"close\"]");
+  });
+  zel::Upload::register_perform_action([&](zel::ActionInfo a) {
+    say("cloud asked to perform '" + a.action + "' on '" + a.device + "' with value " + a.value);
+    progress.update([&] { progress.action = true; });
+    return zel::MsgResponse::Okay();
+  });
+  zel::Upload::register_ota_update([](zel::UpdateInfo u) {
+    say("cloud offered an update from " + u.url + "; declining in this example");
+    return zel::MsgResponse::Error("{\"error\":\"updates are applied by the operator\"}");
+  });
+
+  // 2. Connect. The cameras listed here are announced again after every reconnection.
+  zel::CloudConnect cc;
+  cc.server_uri = arg["--server"];
+  cc.mac_address = arg["--mac"];
+  cc.ca_path = arg["--ca"];
+  cc.cert_path = arg["--cert"];
+  cc.key_path = arg["--key"];
+  cc.serial_number = "EXAMPLE-0001";
+  bool started = zel::Upload::connect(
+      cc, [&] { say("connected to the cloud"); progress.update([&] { progress.connected = true; }); },
+      [] { say("link to the cloud is down"); }, {camera});
+  if (!started || !progress.wait([&] { return progress.connected; }, wait_s)) {
+    say("could not connect within " + std::to_string(wait_s) + " s");
+    zel::Upload::disconnect();
+    return 1;
+  }
+  progress.wait([&] { return progress.status; }, wait_s);
+
+  // 3. Describe the hardware.
+  zel::Relay relay;
+  relay.relay_number = 1;
+  relay.name = "Gate relay";
+  relay.enabled = true;
+  zel::Door door;
+  door.door_number = 1;
+  door.name = "Front door";
+  door.enabled = true;
+  door.door_contact = true;
+  zel::Upload::register_camera(camera);
+  zel::Upload::register_item(relay);
+  zel::Upload::register_item(door);
+  say("announced camera " + camera + ", relay 1 and door 1");
+
+  // 4. Report events; they are queued here and sent by the worker.
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  zel::Upload::upload_event(zel::EventInfo{1, camera, now - 5, now, "thumb-1.jpg"});
+  zel::AccessEventInfo access;
+  access.event_type = "door_opened";
+  access.start_time = now - 2;
+  access.end_time = now;
+  access.device_uuid = "door-1";
+  access.meta = "{\"door\":1}";
+  zel::Upload::upload_event(access);
+  say("sent a motion event and an access event");
+
+  // 5. Upload a clip: the states arrive through its callback.
+  bool clip_ok = true;
+  if (!arg["--clip"].empty()) {
+    std::ifstream file(arg["--clip"], std::ios::binary | std::ios::ate);
+    zel::ClipInfo clip;
+    clip.path = arg["--clip"];
+    clip.camera_mac = camera;
+    clip.start_time = now - 60;
+    clip.end_time = now;
+    clip.size = file ? static_cast<int64_t>(file.tellg()) : -1;
+    clip.keyframe_times = {0, 2.5, 5};
+    clip.metadata = "example";
+    auto started_at = std::make_shared<std::chrono::steady_clock::time_point>();
+    clip.callback = [&, started_at](int state, const zel::ClipInfo& c, std::string message) {
+      if (state == zel::CLIP_UPLOAD_STARTED) *started_at = std::chrono::steady_clock::now();
+      std::string line = "clip state " + std::to_string(state) + " (" + state_name(state) + ")";
+      if (state == zel::CLIP_UPLOADED) {
+        double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - *started_at).count();
+        char figures[160];
+        std::snprintf(figures, sizeof figures, ": %lld bytes in %.2f s, %.1f MiB/s",
+                      static_cast<long long>(c.size), secs,
+                      secs > 0 ? static_cast<double>(c.size) / secs / 1048576.0 : 0.0);
+        line += figures;
+      } else if (!message.empty()) {
+        line += ": " + message;
+      }
+      say(line);
+      progress.update([&] {
+        progress.clip_state = state;
+        progress.clip_message = message;
+      });
+    };
+    zel::UploadOpts opts;
+    opts.timeout_seconds = 30;
+    opts.confirm_timeout = 120;
+    auto last_report = std::make_shared<int>(-1);
+    opts.upload_callback = [last_report](const std::string&, int elapsed, int64_t total, int64_t sent) {
+      if (elapsed != *last_report) {  // at most once a second
+        *last_report = elapsed;
+        say("  uploading: " + std::to_string(sent) + " of " + std::to_string(total) + " bytes after " +
+            std::to_string(elapsed) + " s");
+      }
+      return 0;
+    };
+    zel::Upload::set_upload_threads(2);
+    zel::Upload::upload_clip(clip, opts);
+    clip_ok = progress.wait(
+        [&] {
+          return progress.clip_state == zel::CLIP_CONFIRMED || progress.clip_state == zel::CLIP_FAILED ||
+                 progress.clip_state == zel::CLIP_REJECTED;
+        },
+        wait_s * 3);
+    clip_ok = clip_ok && progress.clip_state == zel::CLIP_CONFIRMED;
+  }
+
+  // 6. Stay until the cloud has asked for an action, then leave cleanly.
+  bool action_ok = progress.wait([&] { return progress.action; }, wait_s);
+  if (!action_ok) say("the cloud never asked for an action");
+  // disconnect() closes at once and does not flush what is still queued, so give the
+  // worker a moment to send the action's reply (one message leaves per 50 ms pass).
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  bool disconnected = zel::Upload::disconnect();
+  say(disconnected ? "disconnected cleanly" : "disconnect failed");
+  bool ok = progress.status && action_ok && clip_ok && disconnected;
+  say(ok ? "every step done" : "some steps did not happen");
+  return ok ? 0 : 1;
+}

@@ -15,7 +15,18 @@ std::mutex g_log_mutex;
 std::function<void(int, const std::string&)> g_observer;
 }  // namespace
 
+namespace {
+// The logger starts silent unless ZEL_DEBUG asks otherwise, even for lines written
+// before the first connect.
+std::once_flag g_level_once;
+void apply_level_locked() { lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, nullptr); }
+}  // namespace
+
 void zel_log(int level, const char* format, ...) {
+  std::call_once(g_level_once, [] {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    apply_level_locked();
+  });
   char stack_buf[1024];
   va_list args;
   va_start(args, format);
@@ -42,7 +53,7 @@ void zel_log(int level, const char* format, ...) {
 
 void apply_log_level_from_env() {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, nullptr);
+  apply_level_locked();
 }
 
 void set_log_observer(std::function<void(int, const std::string&)> observer) {

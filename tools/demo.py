@@ -1,0 +1,212 @@
+#!/usr/bin/python3
+"""Runs the example NVR host against the local cloud and tells the story of it.
+
+Usage: demo.py --host-binary PATH [--state DIR] [--clip-bytes N] [--no-storage]
+
+It makes certificates under DIR (tools/cloud/state by default), starts the messaging
+server (and the blob storage emulator unless --no-storage), starts the host, shows
+what each side says, asks the host to perform an action from the cloud side, and
+exits 0 only if every step of the story happened.
+"""
+
+import argparse
+import json
+import os
+import queue
+import subprocess
+import sys
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CLOUD = os.path.join(HERE, "cloud")
+DEVICE_MAC = "00:11:22:33:44:55"
+CAMERA = "0a1b2c3d4e5f"
+
+
+def say(line):
+    print(line, flush=True)
+
+
+class MessagingServer:
+    """The local messaging server in machine mode: events in, commands out."""
+
+    def __init__(self, certs):
+        self.proc = subprocess.Popen(
+            ["/usr/bin/python3", os.path.join(CLOUD, "messaging_server.py"), "--port", "0",
+             "--cert", os.path.join(certs, "server.pem"), "--key", os.path.join(certs, "server.key"),
+             "--ca", os.path.join(certs, "ca.pem")],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+        self.events = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+        first = self.events.get(timeout=15)
+        if first.get("event") != "listening":
+            raise RuntimeError("messaging server did not start: %r" % first)
+        self.port = first["port"]
+
+    def _read(self):
+        for line in self.proc.stdout:
+            try:
+                self.events.put(json.loads(line))
+            except ValueError:
+                pass
+        self.events.put({"event": "exit"})
+
+    def command(self, **cmd):
+        self.proc.stdin.write(json.dumps(cmd) + "\n")
+        self.proc.stdin.flush()
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.stdin.close()
+            try:
+                self.proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+
+
+def describe(text):
+    """One line about a message the device sent."""
+    try:
+        msg = json.loads(text)
+    except ValueError:
+        return "a frame that is not JSON"
+    subject = msg.get("subject")
+    content = msg.get("content")
+    if "original_id" in msg:
+        status = content.get("status") if isinstance(content, dict) else "?"
+        return "reply to %s (%s): %s" % (msg["original_id"], subject, json.dumps(content.get("details") if isinstance(content, dict) else content)[:100]) if status else text[:120]
+    if subject == "version":
+        return "version announcement %s" % json.dumps(content)[:100]
+    if subject == "ping":
+        return "ping"
+    if subject == "register":
+        data = content.get("data", {}) if isinstance(content, dict) else {}
+        return "registration of %s '%s'" % (content.get("type"), data.get("name", ""))
+    if subject == "storage_access_request":
+        return "storage access request for camera %s, %s bytes" % (
+            content["properties"]["cameraMac"], content["properties"]["bytes"])
+    if subject == "transaction" and isinstance(content, dict):
+        model = content.get("model")
+        props = content.get("properties", {})
+        if model == "camera":
+            return "camera announcement for %s" % props.get("mac_address")
+        if model == "event":
+            return "motion event %s from camera %s" % (props.get("event_type"), props.get("camera_mac"))
+        if model == "accessEvent":
+            return "access event %s from device %s" % (props.get("event_type"), content.get("device_uuid"))
+        if model == "archive":
+            return "record-end transaction for clip %s (%s bytes)" % (props.get("start_at"), props.get("bytes"))
+        return "transaction %s" % model
+    return "%s message" % subject
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--host-binary", required=True)
+    parser.add_argument("--state", default=os.path.join(CLOUD, "state"))
+    parser.add_argument("--clip-bytes", type=int, default=8 * 1024 * 1024)
+    parser.add_argument("--no-storage", action="store_true")
+    args = parser.parse_args()
+
+    certs = os.path.join(args.state, "certs")
+    subprocess.run(["bash", os.path.join(CLOUD, "make_certs.sh"), certs], check=True)
+    storage = None
+    if not args.no_storage and os.path.exists(os.path.join(CLOUD, "blob_storage.py")):
+        sys.path.insert(0, CLOUD)
+        from blob_storage import BlobStorage  # noqa: E402 (only needed with storage)
+        storage = BlobStorage(certs, os.path.join(args.state, "blobs"))
+        say("[cloud] blob storage emulator on https://127.0.0.1:%d (account %s)" % (storage.port, storage.account))
+
+    server = MessagingServer(certs)
+    say("[cloud] messaging server on wss://127.0.0.1:%d/" % server.port)
+    if storage:
+        server.command(cmd="set", auto_storage=True, auto_ack=True, storage_account=storage.account,
+                       storage_token=storage.sas_token(), storage_secret="demo-secret")
+
+    host_cmd = [args.host_binary, "--server", "wss://127.0.0.1:%d/" % server.port, "--mac", DEVICE_MAC,
+                "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
+                "--key", os.path.join(certs, "client.key"), "--camera", CAMERA, "--wait", "20"]
+    env = dict(os.environ)
+    clip_path = None
+    if storage:
+        clip_path = os.path.join(args.state, "clip.mp4")
+        with open(clip_path, "wb") as f:
+            f.write(os.urandom(args.clip_bytes))
+        host_cmd += ["--clip", clip_path]
+        env["ZEL_BLOB_DOMAIN"] = storage.blob_domain
+        storage.create_container(DEVICE_MAC.lower())
+    host = subprocess.Popen(host_cmd, stdout=subprocess.PIPE, text=True, bufsize=1, env=env)
+    host_lines = queue.Queue()
+
+    def read_host():
+        for line in host.stdout:
+            host_lines.put(line.rstrip("\n"))
+        host_lines.put(None)
+
+    threading.Thread(target=read_host, daemon=True).start()
+
+    seen = set()
+    asked = False
+    action_reply = None
+    deadline = time.time() + 240
+    host_done = False
+    while time.time() < deadline and not host_done:
+        try:
+            while True:
+                line = host_lines.get_nowait()
+                if line is None:
+                    host_done = True
+                    break
+                say(line)
+        except queue.Empty:
+            pass
+        try:
+            event = server.events.get(timeout=0.1)
+        except queue.Empty:
+            continue
+        kind = event.get("event")
+        if kind == "connect":
+            say("[cloud] device connected (client certificate: %s)" % ("yes" if event.get("client_cert") else "no"))
+        elif kind == "close":
+            say("[cloud] device closed the link with code %s" % event.get("code"))
+            seen.add("close-%s" % event.get("code"))
+        elif kind == "message":
+            line = describe(event["text"])
+            if not line.startswith("ping"):
+                say("[cloud] <- " + line)
+            msg = json.loads(event["text"]) if event["text"].startswith("{") else {}
+            if msg.get("original_id") == "demo-action":
+                action_reply = msg.get("content")
+            content = msg.get("content") if isinstance(msg.get("content"), dict) else {}
+            seen.add(content.get("model") or msg.get("subject"))
+            if not asked and "accessEvent" in seen:
+                asked = True
+                say("[cloud] -> asking the device to open door-1")
+                server.command(cmd="request", subject="action", id="demo-action",
+                               content={"device": "door-1", "action": "open", "value": 5})
+    rc = host.wait(timeout=30)
+    server.stop()
+    if storage:
+        storage.stop()
+
+    checks = {
+        "version announced": "version" in seen,
+        "camera announced": "camera" in seen,
+        "items registered": "register" in seen,
+        "motion event received": "event" in seen,
+        "access event received": "accessEvent" in seen,
+        "action answered OK": isinstance(action_reply, dict) and action_reply.get("status") == "OK",
+        "closed cleanly (4003)": "close-4003" in seen,
+        "host finished every step": rc == 0,
+    }
+    if storage:
+        checks["clip uploaded and confirmed"] = "archive" in seen and rc == 0
+    say("")
+    for name, ok in checks.items():
+        say("%s %s" % ("ok  " if ok else "FAIL", name))
+    return 0 if all(checks.values()) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
