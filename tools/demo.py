@@ -20,7 +20,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 CLOUD = os.path.join(HERE, "cloud")
-DEVICE_MAC = "00:11:22:33:44:55"
+DEVICE_MAC = "001122334455"  # also the blob container, which takes no colons
 CAMERA = "0a1b2c3d4e5f"
 
 

@@ -4,14 +4,7 @@
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 
-#if __has_include("upload/uploader_cluster.h")
 #include "upload/uploader_cluster.h"
-#define ZEL_HAVE_POOL 1
-#else
-namespace zel {
-class UploaderCluster {};
-}  // namespace zel
-#endif
 
 namespace zel {
 
@@ -19,7 +12,6 @@ Messaging::~Messaging() = default;
 
 void UploaderClusterDeleter::operator()(UploaderCluster* cluster) const { delete cluster; }
 
-#ifdef ZEL_HAVE_POOL
 void Messaging::start_upload_pool(const std::string& ca_path) {
   std::lock_guard<std::recursive_mutex> lock(work_mutex);
   uploaders.reset(new UploaderCluster(ca_path));
@@ -83,12 +75,5 @@ void Messaging::manage_upload_threads() {
     }
   }
 }
-#else
-void Messaging::start_upload_pool(const std::string&) {}
-void Messaging::hand_to_pool(PendingClip&) {}
-void Messaging::set_upload_threads(unsigned) {}
-void Messaging::stop_upload_pool() {}
-void Messaging::manage_upload_threads() {}
-#endif
 
 }  // namespace zel

@@ -227,7 +227,8 @@ class Cloud:
             "account": self.flags["storage_account"],
             "token": self.flags["storage_token"],
             "secret": self.flags["storage_secret"],
-            "start_at": start,
+            # The device matches credentials by text: the start second in decimal.
+            "start_at": None if start is None else str(start),
             "camera_mac": mac.lower() if isinstance(mac, str) else mac,
         }
         if self.flags["storage_delay"]:
@@ -403,7 +404,7 @@ class Cloud:
             return {"account": self.flags["storage_account"],
                     "token": self.flags["storage_token"],
                     "secret": self.flags["storage_secret"],
-                    "start_at": iso_to_epoch(now_iso()), "camera_mac": self.device}
+                    "start_at": str(iso_to_epoch(now_iso())), "camera_mac": self.device}
         if subject == "pong":
             return "pong"
         return {}
