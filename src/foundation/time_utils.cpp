@@ -9,6 +9,7 @@ namespace zel {
 
 namespace {
 std::atomic<long> g_offset{0};
+std::atomic<long> g_frozen_at{0};  // 0: the clock runs
 
 std::string format_utc(time_t t) {
   struct tm parts {};
@@ -20,10 +21,16 @@ std::string format_utc(time_t t) {
 }
 }  // namespace
 
-long time_now() {
+namespace {
+long wall_seconds() {
   auto since = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(since).count()) +
-         g_offset.load(std::memory_order_relaxed);
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
+}
+}  // namespace
+
+long time_now() {
+  long frozen = g_frozen_at.load(std::memory_order_relaxed);
+  return (frozen != 0 ? frozen : wall_seconds()) + g_offset.load(std::memory_order_relaxed);
 }
 
 std::string getISOTime() { return format_utc(static_cast<time_t>(time_now())); }
@@ -41,5 +48,7 @@ int ratelimit(unsigned* stamp, unsigned period) {
 void advance_clock(long seconds) { g_offset.fetch_add(seconds, std::memory_order_relaxed); }
 
 long clock_offset() { return g_offset.load(std::memory_order_relaxed); }
+
+void freeze_clock(bool frozen) { g_frozen_at.store(frozen ? wall_seconds() : 0); }
 
 }  // namespace zel

@@ -14,5 +14,8 @@ int ratelimit(unsigned* stamp, unsigned period);
 // Test seam: every reader of time_now() sees the wall clock moved by this many seconds.
 void advance_clock(long seconds);
 long clock_offset();
+// Test seam: while frozen, the wall clock seen by time_now() stands still (the offset
+// still applies), so boundaries can be tested to the second.
+void freeze_clock(bool frozen);
 
 }  // namespace zel

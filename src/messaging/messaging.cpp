@@ -187,6 +187,7 @@ void Messaging::reset_for_tests() {
   account_id = 0;
   missed_pongs = 0;
   ping_stamp = 0;
+  upload_threads = 1;
   device_info = DeviceInfo();
   pending_clips.clear();
   unacked_clips.clear();
