@@ -10,6 +10,7 @@ exits 0 only if every step of the story happened.
 """
 
 import argparse
+import datetime
 import json
 import os
 import queue
@@ -105,7 +106,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--host-binary", required=True)
     parser.add_argument("--state", default=os.path.join(CLOUD, "state"))
-    parser.add_argument("--clip-bytes", type=int, default=8 * 1024 * 1024)
+    parser.add_argument("--clip-bytes", type=int, default=48 * 1024 * 1024)
     parser.add_argument("--no-storage", action="store_true")
     args = parser.parse_args()
 
@@ -147,6 +148,7 @@ def main():
     threading.Thread(target=read_host, daemon=True).start()
 
     seen = set()
+    archive = None
     asked = False
     action_reply = None
     deadline = time.time() + 240
@@ -178,6 +180,8 @@ def main():
             msg = json.loads(event["text"]) if event["text"].startswith("{") else {}
             if msg.get("original_id") == "demo-action":
                 action_reply = msg.get("content")
+            if isinstance(msg.get("content"), dict) and msg["content"].get("model") == "archive":
+                archive = msg["content"]["properties"]
             content = msg.get("content") if isinstance(msg.get("content"), dict) else {}
             seen.add(content.get("model") or msg.get("subject"))
             if not asked and "accessEvent" in seen:
@@ -187,6 +191,20 @@ def main():
                                content={"device": "door-1", "action": "open", "value": 5})
     rc = host.wait(timeout=30)
     server.stop()
+    blob_ok = False
+    if storage and archive:
+        start = datetime.datetime.strptime(archive["start_at"], "%Y-%m-%dT%H:%M:%SZ").replace(
+            tzinfo=datetime.timezone.utc)
+        blob = "%s/%s/%s/%d.mp4" % (DEVICE_MAC, CAMERA, start.strftime("%Y-%m-%d"), int(start.timestamp()))
+        try:
+            size = storage.blob_size(blob)
+        except Exception as exc:  # reported below as a failed check
+            size = -1
+            say("[cloud] blob %s: %s" % (blob, exc))
+        expected = args.clip_bytes // 16 * 16 + 16
+        blob_ok = size == expected
+        say("[cloud] blob %s holds %d bytes (encrypted size of the %d-byte clip: %d)" %
+            (blob, size, args.clip_bytes, expected))
     if storage:
         storage.stop()
 
@@ -202,6 +220,7 @@ def main():
     }
     if storage:
         checks["clip uploaded and confirmed"] = "archive" in seen and rc == 0
+        checks["blob stored encrypted at its path"] = blob_ok
     say("")
     for name, ok in checks.items():
         say("%s %s" % ("ok  " if ok else "FAIL", name))

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -122,7 +123,7 @@ TEST(Inbound, BadInputIsDroppedAndTheWorkerCarriesOn) {
 TEST(Inbound, AThrowingHostCallbackGetsAnErrorReplyAndTheWorkerCarriesOn) {
   CloudServer server;
   LogCapture log;
-  int calls = 0;
+  std::atomic<int> calls{0};
   zel::Upload::register_perform_action([&](zel::ActionInfo info) -> zel::MsgResponse {
     ++calls;
     if (info.action == "jam") throw std::runtime_error("relay 4 jammed");
