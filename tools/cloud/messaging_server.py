@@ -77,6 +77,7 @@ class Cloud:
     def __init__(self, args):
         self.args = args
         self.interactive = args.interactive
+        self.initial_flags = json.loads(getattr(args, "set", "{}") or "{}")
         self.current = None
         self.conn_counter = 0
         self.req_counter = 0
@@ -102,6 +103,10 @@ class Cloud:
                 "partner_id": 7,
             },
         }
+        unknown = [k for k in self.initial_flags if k not in self.flags]
+        if unknown:
+            raise ValueError("unknown flags: " + ", ".join(sorted(unknown)))
+        self.flags.update(self.initial_flags)
 
     # ----------------------------------------------------------------- output
     def emit(self, obj):
@@ -542,6 +547,8 @@ def main():
     parser.add_argument("--ca", help="CA (PEM) for optional client certificates")
     parser.add_argument("--plain", action="store_true", help="plain ws, no TLS")
     parser.add_argument("--interactive", action="store_true", help="console for people")
+    parser.add_argument("--set", default="{}", metavar="JSON",
+                        help='initial behaviour flags, e.g. \'{"auto_storage":true}\'')
     args = parser.parse_args()
     if not args.plain and not (args.cert and args.key):
         parser.error("--cert and --key are needed (or --plain)")

@@ -1,0 +1,58 @@
+#!/usr/bin/python3
+"""The local cloud on its own, for a person: messaging server (interactive) and blob storage.
+
+    /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000]
+
+Certificates are made on first run in tools/cloud/state/certs. The values a host needs
+(CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
+("details", "status", "actions", "action", "update", "issueCertificate", ...; "help").
+Storage requests and record-end transactions are answered automatically.
+"""
+
+import argparse
+import json
+import os
+import subprocess
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+from blob_storage import BlobStorage  # noqa: E402
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--port", type=int, default=8443)
+    parser.add_argument("--blob-port", type=int, default=10000)
+    parser.add_argument("--state", default=os.path.join(HERE, "state"))
+    parser.add_argument("--recorder", action="append", default=[],
+                        help="recorder MAC whose blob container to create (repeatable)")
+    args = parser.parse_args()
+    certs = os.path.join(args.state, "certs")
+    subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
+    storage = BlobStorage(certs, os.path.join(args.state, "blobs"), args.blob_port)
+    flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
+             "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret"}
+    print("Local cloud is up. Point the host at it with:")
+    print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
+    print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
+    print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
+    print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
+    print("  export ZEL_BLOB_DOMAIN=%s" % storage.blob_domain)
+    for mac in args.recorder or ["001122334455"]:
+        storage.create_container(mac.lower())
+        print("  blob container for recorder %s is ready" % mac.lower())
+    sys.stdout.flush()
+    try:
+        subprocess.run(["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
+                        "--port", str(args.port), "--cert", os.path.join(certs, "server.pem"),
+                        "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem"),
+                        "--set", json.dumps(flags)])
+    except KeyboardInterrupt:
+        pass
+    finally:
+        storage.stop()
+
+
+if __name__ == "__main__":
+    main()
