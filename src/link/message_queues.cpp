@@ -73,6 +73,11 @@ std::future<void> WebSocketClient::full_disconnect() {
   return disconnect_promise.get_future();
 }
 
+void WebSocketClient::inject_inbound(const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex);
+  inbound.push_back(text);
+}
+
 size_t WebSocketClient::outbound_size() {
   std::lock_guard<std::mutex> lock(mutex);
   return outbound.size();

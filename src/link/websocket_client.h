@@ -47,6 +47,7 @@ class WebSocketClient {
   std::future<void> full_disconnect();
 
   // Test seams.
+  void inject_inbound(const std::string& text);  // as if received from the server
   size_t outbound_size();
   std::vector<std::string> outbound_texts();
 

@@ -67,16 +67,7 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
   std::lock_guard<std::mutex> connect_lock(connect_mutex);
   if (worker_thread) return false;
 
-  device_mac = cc.mac_address;
-  for (char& ch : device_mac) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-  version_json = build_version_json(version, cc);
-  if (cc.device_type == 1) device_info.device_type = "controller";
-  device_info.partner = cc.partner;
-  device_info.mac = device_mac;
-  camera_template = kCameraTemplate;
-  transaction_template = kTransactionTemplate;
-  cert_path = cc.cert_path;
-  key_path = cc.key_path;
+  apply_identity(cc);
   cameras = camera_list;
   on_connect_cb = std::move(on_connect_fn);
   on_disconnect_cb = std::move(on_disconnect_fn);
@@ -87,6 +78,24 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
   running.test_and_set();
   worker_thread = std::make_unique<std::thread>([this] { worker(); });
   return true;
+}
+
+void Messaging::apply_identity(const CloudConnect& cc) {
+  device_mac = cc.mac_address;
+  for (char& ch : device_mac) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  version_json = build_version_json(version, cc);
+  if (cc.device_type == 1) device_info.device_type = "controller";
+  device_info.partner = cc.partner;
+  device_info.mac = device_mac;
+  camera_template = kCameraTemplate;
+  transaction_template = kTransactionTemplate;
+  cert_path = cc.cert_path;
+  key_path = cc.key_path;
+}
+
+void Messaging::prepare_for_tests(const CloudConnect& cc) {
+  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  apply_identity(cc);
 }
 
 bool Messaging::disconnect() {

@@ -104,6 +104,9 @@ class Messaging {
   std::map<std::string, PendingClip>& get_pending_clips() { return pending_clips; }
   std::map<std::string, CloudCredentials>& get_credentials() { return credentials; }
   void reset_for_tests();
+  // The identity part of connect (device MAC, version document, paths) without a link,
+  // a worker or a pool: for tests and fuzzers that drive the stages directly.
+  void prepare_for_tests(const CloudConnect& cc);
 
   ~Messaging();
 
@@ -113,6 +116,7 @@ class Messaging {
   Messaging& operator=(const Messaging&) = delete;
 
   bool on_worker_thread() const;
+  void apply_identity(const CloudConnect& cc);
   void hand_to_pool(PendingClip& pending);
   void report_clip(const ClipInfo& clip, int state, const std::string& message);
 
