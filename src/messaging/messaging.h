@@ -121,7 +121,8 @@ class Messaging {
   void report_clip(const ClipInfo& clip, int state, const std::string& message);
 
   int32_t account_id = 0;
-  int32_t missed_pongs = 0;
+  // Atomic only so that tests may watch it; the worker is its one writer.
+  std::atomic<int32_t> missed_pongs{0};
   uint32_t ping_stamp = 0;
   uint32_t upload_threads = 1;
   std::atomic_flag running = ATOMIC_FLAG_INIT;

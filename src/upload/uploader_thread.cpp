@@ -40,7 +40,7 @@ void UploaderThread::worker() {
         std::unique_lock<std::mutex> lock(cluster.queue_mutex);
         // Waiting on the condition rather than on a bare notification: work queued while
         // every thread was busy is picked up by the first thread that comes back.
-        cluster.work_ready.wait(lock, [this] { return !running || !cluster.queue.empty(); });
+        cluster.work_ready.wait(lock);
         if (!running) return;
         item = cluster.get_upload_data();
       }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/time_utils.h"
 #include "messaging/messaging.h"
 #include "support/cloud_server.h"
 #include "support/device_session.h"
@@ -23,6 +24,12 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int64_t kStart = 1614600000;  // 2021-03-01T12:00:00Z
+
+zel::AccessEventInfo access_event(const std::string& type, int64_t start, int64_t end,
+                           const std::string& device, const std::string& credential = "",
+                           const std::string& meta = "", const std::string& tag = "") {
+  return zel::AccessEventInfo{type, start, end, device, credential, meta, tag};
+}
 
 std::string envelope(const std::string& content) {
   return std::string("{\"id\":\"") + kDeviceMacLower + "<us>\",\"from\":\"" + kDeviceMacLower +
@@ -125,30 +132,30 @@ TEST(Events, AccessBodiesCarryTheOptionalPiecesAndTheAccountOnceKnown) {
   StdoutCapture out;
 
   // No account yet: only the required pieces.
-  zel::Upload::upload_event(zel::AccessEventInfo{"badge", kStart, kStart + 5, "dev-2"});
-  zel::Upload::upload_event(zel::AccessEventInfo{"badge", kStart, kStart + 5, "", "cred", "{}", "tag"});
-  zel::Upload::upload_event(zel::AccessEventInfo{"door \"held\"", kStart, kStart + 5, "dev-3"});
+  zel::Upload::upload_event(access_event("badge", kStart, kStart + 5, "dev-2"));
+  zel::Upload::upload_event(access_event("badge", kStart, kStart + 5, "", "cred", "{}", "tag"));
+  zel::Upload::upload_event(access_event("door \"held\"", kStart, kStart + 5, "dev-3"));
   ASSERT_TRUE(wait_sent(server, "transaction", 1));
 
   // An account id of 1 or more from the server's version request is sent from then on.
   server.request("version", R"({"account_id":42})", "v-1");
   ASSERT_TRUE(server.wait_for_reply("v-1", 5s));
   zel::Upload::upload_event(
-      zel::AccessEventInfo{"door_open", kStart, kStart + 5, "dev-1", "cred-7", "{\"door\":1}", "night"});
+      access_event("door_open", kStart, kStart + 5, "dev-1", "cred-7", "{\"door\":1}", "night"));
   zel::Upload::upload_event(
-      zel::AccessEventInfo{"door_open", kStart, kStart + 5, "dev-1", "cred-7", "{door:1}", "night"});
-  zel::Upload::upload_event(zel::AccessEventInfo{"tamper", kStart + 60, kStart + 61, "dev-4", "", "[1, 2]", ""});
-  zel::Upload::upload_event(zel::AccessEventInfo{"input", kStart + 60, kStart + 61, "dev-5", "", "", "t1"});
+      access_event("door_open", kStart, kStart + 5, "dev-1", "cred-7", "{door:1}", "night"));
+  zel::Upload::upload_event(access_event("tamper", kStart + 60, kStart + 61, "dev-4", "", "[1, 2]", ""));
+  zel::Upload::upload_event(access_event("input", kStart + 60, kStart + 61, "dev-5", "", "", "t1"));
   ASSERT_TRUE(wait_sent(server, "transaction", 5));
 
   // Zero and below, or a number that is no number, mean no account again.
   server.request("version", R"({"account_id":-1})", "v-2");
   ASSERT_TRUE(server.wait_for_reply("v-2", 5s));
-  zel::Upload::upload_event(zel::AccessEventInfo{"late", kStart, kStart, "dev-6", "c-1"});
+  zel::Upload::upload_event(access_event("late", kStart, kStart, "dev-6", "c-1"));
   ASSERT_TRUE(wait_sent(server, "transaction", 6));
   server.request("version", R"({"account_id":"9"})", "v-3");
   ASSERT_TRUE(server.wait_for_reply("v-3", 5s));
-  zel::Upload::upload_event(zel::AccessEventInfo{"later", kStart, kStart, "dev-7"});
+  zel::Upload::upload_event(access_event("later", kStart, kStart, "dev-7"));
 
   const std::string expected[] = {
       envelope("{\"apiVersion\":\"2\",\"method\":\"changed\",\"topic\":\"transaction\",\"subject\":"
@@ -209,7 +216,7 @@ TEST(Events, EachPassTakesOneEventOfEachKind) {
     std::lock_guard<std::recursive_mutex> lock(zel::Messaging::get().get_work_mutex());
     for (int i = 0; i < 3; ++i) {
       zel::Upload::upload_event(zel::EventInfo{1, "cam", kStart + i, kStart + i, "m" + std::to_string(i)});
-      zel::Upload::upload_event(zel::AccessEventInfo{"badge", kStart + i, kStart + i, "a" + std::to_string(i)});
+      zel::Upload::upload_event(access_event("badge", kStart + i, kStart + i, "a" + std::to_string(i)));
     }
   }
   ASSERT_TRUE(wait_sent(server, "transaction", 5));
@@ -247,7 +254,7 @@ TEST(Events, EventsQueuedWhileTheLinkIsDownFollowInOrderOnePerPass) {
   for (int i = 0; i < kMotion; ++i) {
     zel::Upload::upload_event(zel::EventInfo{1 + i % 2, "cam", kStart + i, kStart + i + 1, "m" + std::to_string(i)});
     if (i % 4 == 0)
-      zel::Upload::upload_event(zel::AccessEventInfo{"badge", kStart + i, kStart + i, "a" + std::to_string(i / 4)});
+      zel::Upload::upload_event(access_event("badge", kStart + i, kStart + i, "a" + std::to_string(i / 4)));
   }
   std::this_thread::sleep_for(200ms);
   EXPECT_EQ(count_sent(server, "transaction"), 0u);

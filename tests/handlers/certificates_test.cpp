@@ -85,9 +85,13 @@ TEST_F(Certificates, FilesHoldExactlyTheGivenTexts) {
   zel::CloudConnect cc = connect_params(server);
   cc.cert_path = dir + "/client.pem";
   cc.key_path = dir + "/client.key";
-  // Whatever was there before is replaced, permissions included.
-  write_file(cc.cert_path, "old certificate, rather longer than the new one\n", 0600);
-  write_file(cc.key_path, "old key, rather longer than the new one, too\n", 0644);
+  // What was there before (the certificate the link uses) is replaced, permissions included.
+  const std::string old_cert = read_file(test_certs().client_cert);
+  const std::string old_key = read_file(test_certs().client_key);
+  ASSERT_GT(old_cert.size(), 100u);
+  ASSERT_GT(old_key.size(), 100u);
+  write_file(cc.cert_path, old_cert, 0600);
+  write_file(cc.key_path, old_key, 0644);
   DeviceSession device(server, cc);
   ASSERT_TRUE(wait_sent(server, "version", 0));
 
