@@ -36,6 +36,9 @@ void replace_file(const std::string& path, const std::string& text, mode_t mode)
     ok = (::close(fd) == 0) && ok;
     if (ok && std::rename(tmp_path.c_str(), path.c_str()) == 0) return;
     ::unlink(tmp_path.c_str());
+    // A text that could not be written whole (disk full) would only be written in half
+    // in place too; the old file is better than a broken one.
+    if (!ok) return;
   }
   int out = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
   if (out < 0) return;

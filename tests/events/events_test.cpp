@@ -251,11 +251,19 @@ TEST(Events, EventsQueuedWhileTheLinkIsDownFollowInOrderOnePerPass) {
   DeviceSession device(server, connect_params(server), {}, false);
   constexpr int kMotion = 40;
   constexpr int kAccess = 10;
-  for (int i = 0; i < kMotion; ++i) {
-    zel::Upload::upload_event(zel::EventInfo{1 + i % 2, "cam", kStart + i, kStart + i + 1, "m" + std::to_string(i)});
-    if (i % 4 == 0)
-      zel::Upload::upload_event(access_event("badge", kStart + i, kStart + i, "a" + std::to_string(i / 4)));
-  }
+  // Two host threads at once, one per kind; each kind keeps its thread's order.
+  std::thread motion_thread([&] {
+    for (int i = 0; i < kMotion; ++i)
+      zel::Upload::upload_event(zel::EventInfo{1 + i % 2, "cam", kStart + i, kStart + i + 1, "m" + std::to_string(i)});
+  });
+  std::thread access_thread([&] {
+    for (int i = 0; i < kAccess; ++i) {
+      zel::Upload::upload_event(access_event("badge", kStart + i, kStart + i, "")); // never queued
+      zel::Upload::upload_event(access_event("badge", kStart + i, kStart + i, "a" + std::to_string(i)));
+    }
+  });
+  motion_thread.join();
+  access_thread.join();
   std::this_thread::sleep_for(200ms);
   EXPECT_EQ(count_sent(server, "transaction"), 0u);
 

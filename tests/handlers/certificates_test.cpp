@@ -1,8 +1,11 @@
 // "issueCertificate" over the wire: what ends up in the certificate and key files, with
 // which modes, and what the server hears back when the files cannot be written.
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -176,6 +179,57 @@ TEST_F(Certificates, WritesInPlaceWhereNoTemporaryFileFitsAndIgnoresMissingFolde
 
   EXPECT_EQ(issue(server, R"({"contents":{"cert":"2nd"}})", "w-2"), kOkay);
   EXPECT_EQ(read_file(cc.cert_path), "2nd");
+}
+
+// Caps the size of any file this process writes, as a full disk would, until destroyed.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    old_handler_ = std::signal(SIGXFSZ, SIG_IGN);  // a write past the cap fails instead
+    getrlimit(RLIMIT_FSIZE, &old_);
+    rlimit capped = old_;
+    capped.rlim_cur = bytes;
+    active_ = setrlimit(RLIMIT_FSIZE, &capped) == 0;
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    std::signal(SIGXFSZ, old_handler_);
+  }
+  bool active() const { return active_; }
+
+ private:
+  rlimit old_{};
+  void (*old_handler_)(int) = nullptr;
+  bool active_ = false;
+};
+
+TEST_F(Certificates, AWriteThatFailsPartWayLeavesTheOldFileWhole) {
+  CloudServer server;
+  std::string dir = make_temp_dir("zel-cert");
+  zel::CloudConnect cc = connect_params(server);
+  cc.cert_path = dir + "/client.pem";
+  cc.key_path = dir + "/client.key";
+  const std::string old_cert = read_file(test_certs().client_cert);
+  const std::string old_key = read_file(test_certs().client_key);
+  write_file(cc.cert_path, old_cert, 0644);
+  write_file(cc.key_path, old_key, 0600);
+  DeviceSession device(server, cc);
+  ASSERT_TRUE(wait_sent(server, "version", 0));
+
+  std::string reply;
+  {
+    FileSizeLimit limit(4096);
+    ASSERT_TRUE(limit.active());
+    const std::string big(10000, 'A');
+    reply = issue(server, R"({"contents":{"cert":")" + big + R"(","key":"new key"}})", "p-1");
+  }
+  EXPECT_EQ(reply, kOkay);
+  // Never half a certificate: the one that did not fit is not written at all.
+  const std::string cert = read_file(cc.cert_path);
+  EXPECT_EQ(cert.size(), old_cert.size());
+  EXPECT_TRUE(cert == old_cert) << "the certificate file changed";
+  EXPECT_EQ(read_file(cc.key_path), "new key");
+  EXPECT_EQ(entries(dir), (std::set<std::string>{"client.pem", "client.key"}));
 }
 
 }  // namespace
