@@ -48,7 +48,9 @@ void writeJSON(const std::string& path, cJSON* json) {
 
 bool JSONSetBool(const std::string& path, const std::string& key, bool value) {
   JsonPtr doc(getJSON(path));
-  if (!doc) return false;
+  // Only an object has members: an array would take the boolean as a bare element, and
+  // a scalar would silently keep nothing; either way the file is left as it was.
+  if (!cJSON_IsObject(doc.get())) return false;
   cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), key.c_str());
   if (item != nullptr) {
     // Whatever the member was, it becomes a boolean in place, keeping its position.

@@ -13,13 +13,16 @@ namespace {
 constexpr size_t kBlock = 16;
 // Plaintext read per round. Big rounds keep the per-call cost of the cipher and of stdio
 // small next to the encryption itself; the output does not depend on the round size.
-constexpr size_t kRound = 64 * 1024;
+constexpr size_t kRound = size_t{64} * 1024;
 }  // namespace
 
 void init_ssl() {}
 
 void StreamingCrypto::FileCloser::operator()(FILE* f) const {
-  if (f != nullptr) fclose(f);
+  // Only ever read: a failing close loses nothing.
+  if (f != nullptr) {
+    (void)fclose(f);
+  }
 }
 
 void StreamingCrypto::CtxFree::operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
@@ -72,7 +75,9 @@ StreamingCrypto::StreamingCrypto(const std::string& path, const std::string& pas
 StreamingCrypto::~StreamingCrypto() = default;
 
 void StreamingCrypto::set_encrypted_size() {
-  if (!file) return;
+  if (!file) {
+    return;
+  }
   FILE* f = file.get();
   if (fseeko(f, 0, SEEK_END) != 0) {
     fail(strerror(errno));
@@ -105,13 +110,17 @@ size_t StreamingCrypto::drain_carry(char* buf, size_t cap) {
 
 size_t StreamingCrypto::stream_to(char* buf, size_t cap) {
   size_t n = drain_carry(buf, cap);
-  if (n == cap) return n;
+  if (n == cap) {
+    return n;
+  }
   if (!file || !ctx || eof) {
     eof = true;
     return n;
   }
   size_t room = cap - n;
-  if (room >= kBlock) return n + fill(reinterpret_cast<unsigned char*>(buf) + n, room);
+  if (room >= kBlock) {
+    return n + fill(reinterpret_cast<unsigned char*>(buf) + n, room);
+  }
   // Less than a block of room: the cipher cannot be trusted to fit, so make the next
   // blocks aside and hand out what fits now; the rest goes out with the next calls.
   carry_pos = 0;
@@ -129,8 +138,8 @@ size_t StreamingCrypto::fill(unsigned char* out, size_t room) {
     uint64_t held = consumed - emitted;
     // Encryption turns every whole block of input into output at once; decryption keeps the
     // last block back until it knows whether it is the padded one, hence one block more.
-    uint64_t want = direction == crypto_direction::ENCRYPTION ? target - held
-                                                              : target + kBlock - held;
+    uint64_t want =
+        direction == crypto_direction::ENCRYPTION ? target - held : target + kBlock - held;
     // The size measured at set-up is the end of the input: a file still growing cannot make
     // the stream longer than the length announced for it.
     size_t request = static_cast<size_t>(std::min<uint64_t>(want, file_size - consumed));
@@ -147,8 +156,7 @@ size_t StreamingCrypto::fill(unsigned char* out, size_t room) {
         return 0;
       }
       int out_len = 0;
-      if (update(ctx.get(), out + produced, &out_len, scratch.data(), static_cast<int>(got)) !=
-          1) {
+      if (update(ctx.get(), out + produced, &out_len, scratch.data(), static_cast<int>(got)) != 1) {
         fail("error in EVP_EncryptUpdate\n");
         return 0;
       }
@@ -157,7 +165,9 @@ size_t StreamingCrypto::fill(unsigned char* out, size_t room) {
       produced += static_cast<size_t>(out_len);
     }
     if (consumed == file_size) {
-      if (room - produced < kBlock) break;  // the next call finishes with a whole block of room
+      if (room - produced < kBlock) {
+        break;  // the next call finishes with a whole block of room
+      }
       int final_len = 0;
       if (final(ctx.get(), out + produced, &final_len) != 1) {
         fail("error in EVP_EncryptFinal\n");
@@ -182,29 +192,43 @@ bool StreamingCrypto::to_file(const std::string& out_path) {
   bool write_failed = false;
   while (!error) {
     size_t n = stream_to(buf.data(), buf.size());
-    if (n == 0 || error) break;
+    if (n == 0 || error) {
+      break;
+    }
     if (fwrite(buf.data(), 1, n, out.get()) != n) {
       write_failed = true;
       break;
     }
     total += n;
   }
-  if (fclose(out.release()) != 0) write_failed = true;
+  if (fclose(out.release()) != 0) {
+    write_failed = true;
+  }
   if (write_failed) {
     std::cerr << "to_file failed to write output file - " << out_path;
     return false;
   }
-  if (total == 0) return false;
+  if (total == 0) {
+    return false;
+  }
   return !error;
 }
 
 int StreamingCrypto::unpad(const char* buf, int len) const {
-  if (direction == crypto_direction::ENCRYPTION) return 0;
-  if (len < 1) return -1;
+  if (direction == crypto_direction::ENCRYPTION) {
+    return 0;
+  }
+  if (len < 1) {
+    return -1;
+  }
   int p = static_cast<unsigned char>(buf[len - 1]);
-  if (p == 0 || p > static_cast<int>(kBlock) || p > len) return -1;
+  if (p == 0 || p > static_cast<int>(kBlock) || p > len) {
+    return -1;
+  }
   for (int i = len - p; i < len; ++i) {
-    if (static_cast<unsigned char>(buf[i]) != p) return -1;
+    if (static_cast<unsigned char>(buf[i]) != p) {
+      return -1;
+    }
   }
   return p;
 }

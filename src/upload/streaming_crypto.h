@@ -63,7 +63,6 @@ class StreamingCrypto {
 
   std::unique_ptr<FILE, FileCloser> file;
   uint64_t file_size = 0;
-  uint64_t reserved = 0;
   uint64_t encrypted_size = 0;
   unsigned char key[24] = {};
   unsigned char iv[16] = {};

@@ -19,15 +19,15 @@ struct UploadData {
   int64_t start_time = 0;
   std::string path;
   std::string account;
-  std::string token;         // shared-access signature, appended after "?"
-  std::string secret;        // encryption password
+  std::string token;   // shared-access signature, appended after "?"
+  std::string secret;  // encryption password
   std::string start_at;
   std::string credential_camera_mac;
   int64_t expires_at = 0;
-  int32_t expect_timeout_s = 1;  // seconds to wait for "100 Continue"; 0 or less: no wait
-  int32_t timeout_s = 30;        // whole-transfer limit, also counted from queuing
+  int32_t expect_timeout_s = 1;     // seconds to wait for "100 Continue"; 0 or less: no wait
+  int32_t timeout_s = 30;           // whole-transfer limit, also counted from queuing
   UploadProgressCallback progress;  // a non-zero result aborts; may be empty
-  int64_t expected_size = -1;    // the clip's size at intake; negative: not checked
+  int64_t expected_size = -1;       // the clip's size at intake; negative: not checked
 };
 
 struct UploadResult {

@@ -19,7 +19,7 @@ namespace zel {
 namespace {
 
 // An error document is short; anything past this is not worth keeping.
-constexpr size_t kMaxBody = 64 * 1024;
+constexpr size_t kMaxBody = size_t{64} * 1024;
 
 // What the progress check works on: the job, and room for a failure of the application's
 // progress function, which must not unwind through libcurl.
@@ -43,27 +43,37 @@ void uploader_global_init() {
 
 std::string blob_domain() {
   const char* domain = std::getenv("ZEL_BLOB_DOMAIN");
-  if (domain != nullptr && *domain != '\0') return domain;
+  if (domain != nullptr && *domain != '\0') {
+    return domain;
+  }
   return ".blob.core.windows.net";
 }
 
 Uploader::Uploader(const std::string& ca) : ca_file(ca) {}
 
 Uploader::~Uploader() {
-  if (handle != nullptr) curl_easy_cleanup(handle);
+  if (handle != nullptr) {
+    curl_easy_cleanup(handle);
+  }
 }
 
 void Uploader::init_handle() {
   handle = curl_easy_init();
-  if (handle == nullptr) return;
+  if (handle == nullptr) {
+    return;
+  }
   ++handle_count;
   curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
   // An empty path would make every transfer fail; leave libcurl's default store instead.
-  if (!ca_file.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+  if (!ca_file.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+  }
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   // Several upload threads run transfers with time-outs; signals are process-wide.
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  if (std::getenv("ZEL_DEBUG") != nullptr) curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+  if (std::getenv("ZEL_DEBUG") != nullptr) {
+    curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+  }
 }
 
 size_t Uploader::read_callback(char* buffer, size_t size, size_t nitems, void* crypto) {
@@ -79,7 +89,9 @@ int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off
   // Counted from queuing, not from the start of the transfer: a clip that waited long for
   // a free thread has less time left.
   int64_t elapsed = static_cast<int64_t>(time_now()) - d.start;
-  if (elapsed == d.last_elapsed) return d.aborted;  // once per second is enough
+  if (elapsed == d.last_elapsed) {
+    return d.aborted;  // once per second is enough
+  }
   d.last_elapsed = elapsed;
   if (d.progress) {
     try {
@@ -94,7 +106,9 @@ int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off
     }
     return d.aborted;
   }
-  if (elapsed >= d.timeout_s) {
+  // A whole-transfer limit of 0 (or less) means none, here as for libcurl's own time-out;
+  // otherwise every upload would be cut off after its first second.
+  if (d.timeout_s > 0 && elapsed >= d.timeout_s) {
     d.aborted = true;
     return 1;
   }
@@ -104,8 +118,9 @@ int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off
 size_t Uploader::body_callback(char* data, size_t size, size_t nmemb, void* self) {
   auto* u = static_cast<Uploader*>(self);
   size_t n = size * nmemb;
-  if (u->response_body.size() < kMaxBody)
+  if (u->response_body.size() < kMaxBody) {
     u->response_body.append(data, std::min(n, kMaxBody - u->response_body.size()));
+  }
   return n;
 }
 
@@ -125,12 +140,18 @@ size_t Uploader::header_callback(char* data, size_t size, size_t nitems, void* s
 }
 
 std::string Uploader::service_error_code() const {
-  if (!error_code_header.empty()) return error_code_header;
+  if (!error_code_header.empty()) {
+    return error_code_header;
+  }
   size_t open = response_body.find("<Code>");
-  if (open == std::string::npos) return std::string();
+  if (open == std::string::npos) {
+    return std::string();
+  }
   open += 6;
   size_t close = response_body.find("</Code>", open);
-  if (close == std::string::npos) return std::string();
+  if (close == std::string::npos) {
+    return std::string();
+  }
   return response_body.substr(open, close - open);
 }
 
@@ -145,15 +166,18 @@ UploadResult Uploader::upload(UploadData& d) {
     init_handle();
   }
   current_account = d.account;
-  if (handle == nullptr) return {false, 0, "curl_easy_init() failed"};
+  if (handle == nullptr) {
+    return {false, 0, "curl_easy_init() failed"};
+  }
 
   char date[32] = "";
   time_t start = static_cast<time_t>(d.start_time);
   struct tm parts {};
-  if (gmtime_r(&start, &parts) != nullptr) strftime(date, sizeof date, "%Y-%m-%d", &parts);
-  std::string url = "https://" + d.account + blob_domain() + "/" + d.nvr_mac + "/" +
-                    d.camera_mac + "/" + date + "/" + std::to_string(d.start_time) + ".mp4" + "?" +
-                    d.token;
+  if (gmtime_r(&start, &parts) == nullptr || strftime(date, sizeof date, "%Y-%m-%d", &parts) == 0) {
+    date[0] = '\0';
+  }
+  std::string url = "https://" + d.account + blob_domain() + "/" + d.nvr_mac + "/" + d.camera_mac +
+                    "/" + date + "/" + std::to_string(d.start_time) + ".mp4" + "?" + d.token;
 
   StreamingCrypto crypto(d.path, d.secret, crypto_direction::ENCRYPTION);
   // Without the file, or with a file that is no longer the clip that was taken in, an
@@ -177,7 +201,9 @@ UploadResult Uploader::upload(UploadData& d) {
   raw = curl_slist_append(raw, "x-ms-version: 2020-04-08");
   raw = curl_slist_append(raw, "x-ms-blob-type: BlockBlob");
   // An empty Expect header stops libcurl from waiting for "100 Continue".
-  if (d.expect_timeout_s <= 0) raw = curl_slist_append(raw, "Expect:");
+  if (d.expect_timeout_s <= 0) {
+    raw = curl_slist_append(raw, "Expect:");
+  }
   std::unique_ptr<curl_slist, SlistFree> headers(raw);
 
   Transfer transfer;
@@ -190,8 +216,10 @@ UploadResult Uploader::upload(UploadData& d) {
   curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Uploader::read_callback);
   curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, size);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(d.timeout_s > 0 ? d.timeout_s : 0));
-  if (d.expect_timeout_s > 0)
-    curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, static_cast<long>(d.expect_timeout_s) * 1000L);
+  if (d.expect_timeout_s > 0) {
+    curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS,
+                     static_cast<long>(d.expect_timeout_s) * 1000L);
+  }
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Uploader::progress_callback);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);

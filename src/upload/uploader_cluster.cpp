@@ -41,7 +41,9 @@ void UploaderCluster::upload(const PendingClip& clip) {
 }
 
 std::shared_ptr<UploadData> UploaderCluster::get_upload_data() {
-  if (queue.empty()) return nullptr;
+  if (queue.empty()) {
+    return nullptr;
+  }
   std::shared_ptr<UploadData> front = queue.front();
   queue.pop_front();
   return front;
@@ -64,11 +66,17 @@ void UploaderCluster::set_size(unsigned n) {
   if (pool_size >= n) {
     // Tell every thread that goes to stop first, then join them: their uploads in
     // progress finish side by side instead of one after the other.
-    for (size_t i = n; i < threads.size(); ++i) threads[i]->request_stop();
-    while (threads.size() > n) threads.pop_back();
+    for (size_t i = n; i < threads.size(); ++i) {
+      threads[i]->request_stop();
+    }
+    while (threads.size() > n) {
+      threads.pop_back();
+    }
     pool_size = n;
   } else {
-    while (threads.size() < n) threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+    while (threads.size() < n) {
+      threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+    }
     pool_size = static_cast<unsigned>(threads.size());
   }
 }
@@ -87,7 +95,9 @@ std::vector<std::string> UploaderCluster::take_queued_keys() {
   std::vector<std::string> keys;
   std::lock_guard<std::mutex> lock(queue_mutex);
   keys.reserve(queue.size());
-  for (const auto& d : queue) keys.push_back(upload_key(*d));
+  for (const auto& d : queue) {
+    keys.push_back(upload_key(*d));
+  }
   queue.clear();
   return keys;
 }

@@ -19,7 +19,9 @@ UploaderThread::UploaderThread(UploaderCluster& owner, const std::string& ca_fil
 
 UploaderThread::~UploaderThread() {
   request_stop();
-  if (thread && thread->joinable()) thread->join();
+  if (thread && thread->joinable()) {
+    thread->join();
+  }
 }
 
 void UploaderThread::request_stop() {
@@ -40,11 +42,15 @@ void UploaderThread::worker() {
         std::unique_lock<std::mutex> lock(cluster.queue_mutex);
         // Waiting on the condition rather than on a bare notification: work queued while
         // every thread was busy is picked up by the first thread that comes back.
-        cluster.work_ready.wait(lock);
-        if (!running) return;
+        cluster.work_ready.wait(lock, [this] { return !running || !cluster.queue.empty(); });
+        if (!running) {
+          return;
+        }
         item = cluster.get_upload_data();
       }
-      if (item) run_one(*item);
+      if (item) {
+        run_one(*item);
+      }
     }
   } catch (const std::exception& e) {
     zel_log(LOG_ERR, "Upload thread ended: %s\n", e.what());
@@ -58,7 +64,8 @@ void UploaderThread::run_one(UploadData& item) {
   try {
     cluster.add_upload_status({key, "", 0, CLIP_UPLOADING});
     UploadResult result = uploader->upload(item);
-    cluster.add_upload_status({key, result.message, result.success ? static_cast<int64_t>(result.bytes) : 0,
+    cluster.add_upload_status({key, result.message,
+                               result.success ? static_cast<int64_t>(result.bytes) : 0,
                                result.success ? CLIP_UPLOADED : CLIP_FAILED});
   } catch (const std::exception& e) {
     // The clip still gets its outcome; the thread carries on with the next one.

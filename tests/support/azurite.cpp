@@ -7,13 +7,12 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <signal.h>
+#include <strings.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <strings.h>
 
 #include <cctype>
 #include <cerrno>
@@ -43,11 +42,17 @@ std::string base64_decode(const std::string& in) {
   int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
                           reinterpret_cast<const unsigned char*>(in.data()),
                           static_cast<int>(in.size()));
-  if (n < 0) throw std::runtime_error("bad base64 key");
+  if (n < 0) {
+    throw std::runtime_error("bad base64 key");
+  }
   // EVP_DecodeBlock counts the bytes that stand for '=' padding as well.
   size_t pad = 0;
-  if (!in.empty() && in.back() == '=') ++pad;
-  if (in.size() > 1 && in[in.size() - 2] == '=') ++pad;
+  if (!in.empty() && in.back() == '=') {
+    ++pad;
+  }
+  if (in.size() > 1 && in[in.size() - 2] == '=') {
+    ++pad;
+  }
   out.resize(static_cast<size_t>(n) - pad);
   return out;
 }
@@ -78,7 +83,9 @@ std::string utc_text(time_t t) {
   struct tm parts {};
   gmtime_r(&t, &parts);
   char buf[32];
-  strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  if (strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+    throw std::runtime_error("cannot format a time");
+  }
   return buf;
 }
 
@@ -118,15 +125,18 @@ std::string hmac_sha256_base64(const std::string& base64_key, const std::string&
   unsigned char mac[EVP_MAX_MD_SIZE];
   unsigned int mac_len = 0;
   if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
-           reinterpret_cast<const unsigned char*>(data.data()), data.size(), mac, &mac_len) ==
-      nullptr)
+           reinterpret_cast<const unsigned char*>(data.data()), data.size(), mac,
+           &mac_len) == nullptr) {
     throw std::runtime_error("HMAC failed");
+  }
   return base64_encode(mac, mac_len);
 }
 
 Azurite::Azurite(std::vector<Account> extra_accounts) {
   accounts_.push_back({kAccount, kAccountKey});
-  for (auto& a : extra_accounts) accounts_.push_back(std::move(a));
+  for (auto& a : extra_accounts) {
+    accounts_.push_back(std::move(a));
+  }
   dir_ = make_temp_dir("zel-azurite-");
   log_path_ = dir_ + "/azurite.log";
 }
@@ -134,42 +144,64 @@ Azurite::Azurite(std::vector<Account> extra_accounts) {
 Azurite::~Azurite() { stop(); }
 
 void Azurite::start() {
-  if (running()) return;
+  if (running()) {
+    return;
+  }
   const TestCerts& certs = test_certs();
-  if (port_ == 0) port_ = free_port();
+  if (port_ == 0) {
+    port_ = free_port();
+  }
   std::string program = std::string(ZEL_SOURCE_DIR) + "/tools/cloud/node_modules/.bin/azurite-blob";
-  if (access(program.c_str(), X_OK) != 0)
-    throw std::runtime_error(program + " is missing: run `npm ci` in tools/cloud (or tools/setup.sh)");
+  if (access(program.c_str(), X_OK) != 0) {
+    throw std::runtime_error(program +
+                             " is missing: run `npm ci` in tools/cloud (or tools/setup.sh)");
+  }
 
   std::vector<std::string> args = {program,
-                                   "--blobHost", "127.0.0.1",
-                                   "--blobPort", std::to_string(port_),
-                                   "--cert", certs.server_cert,
-                                   "--key", certs.server_key,
+                                   "--blobHost",
+                                   "127.0.0.1",
+                                   "--blobPort",
+                                   std::to_string(port_),
+                                   "--cert",
+                                   certs.server_cert,
+                                   "--key",
+                                   certs.server_key,
                                    "--inMemoryPersistence",
                                    "--skipApiVersionCheck",
                                    "--disableTelemetry"};
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
-    if (strncmp(*e, "AZURITE_ACCOUNTS=", 17) != 0) env.emplace_back(*e);
+    if (strncmp(*e, "AZURITE_ACCOUNTS=", 17) != 0) {
+      env.emplace_back(*e);
+    }
   }
   if (accounts_.size() > 1) {
     std::string list;
-    for (const auto& a : accounts_) list += a.name + ":" + a.key + ";";
+    for (const auto& a : accounts_) {
+      list += a.name + ":" + a.key + ";";
+    }
     env.push_back("AZURITE_ACCOUNTS=" + list);
   }
   // Everything the child needs is prepared before fork: only async-signal-safe calls follow.
   std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(&a[0]);
+  argv.reserve(args.size() + 1);
+  for (auto& a : args) {
+    argv.push_back(&a[0]);
+  }
   argv.push_back(nullptr);
   std::vector<char*> envp;
-  for (auto& e : env) envp.push_back(&e[0]);
+  envp.reserve(env.size() + 1);
+  for (auto& e : env) {
+    envp.push_back(&e[0]);
+  }
   envp.push_back(nullptr);
 
   size_t log_mark = read_file(log_path_).size();
   int log_fd = open(log_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (log_fd < 0 || null_fd < 0) throw std::runtime_error("cannot open the emulator's log file");
+  if (log_fd < 0 || null_fd < 0) {
+    throw std::runtime_error("cannot open the emulator's log file");
+  }
   pid_t parent = getpid();
   pid_t pid = fork();
   if (pid < 0) {
@@ -180,11 +212,15 @@ void Azurite::start() {
   if (pid == 0) {
     // The emulator must not outlive a test process that crashes.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
+    if (getppid() != parent) {
+      _exit(127);
+    }
     dup2(null_fd, 0);
     dup2(log_fd, 1);
     dup2(log_fd, 2);
-    if (chdir(dir_.c_str()) != 0) _exit(126);
+    if (chdir(dir_.c_str()) != 0) {
+      _exit(126);
+    }
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
@@ -196,7 +232,9 @@ void Azurite::start() {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   for (;;) {
     std::string out = read_file(log_path_);
-    if (out.size() > log_mark && out.find(ready, log_mark) != std::string::npos) return;
+    if (out.size() > log_mark && out.find(ready, log_mark) != std::string::npos) {
+      return;
+    }
     int wstatus = 0;
     if (waitpid(pid_, &wstatus, WNOHANG) == pid_) {
       pid_ = -1;
@@ -212,7 +250,9 @@ void Azurite::start() {
 }
 
 void Azurite::stop() {
-  if (pid_ <= 0) return;
+  if (pid_ <= 0) {
+    return;
+  }
   kill(pid_, SIGKILL);
   int wstatus = 0;
   while (waitpid(pid_, &wstatus, 0) < 0 && errno == EINTR) {
@@ -227,8 +267,11 @@ std::string Azurite::endpoint(const std::string& account) const {
 }
 
 std::string Azurite::key_of(const std::string& account) const {
-  for (const auto& a : accounts_)
-    if (a.name == account) return a.key;
+  for (const auto& a : accounts_) {
+    if (a.name == account) {
+      return a.key;
+    }
+  }
   throw std::runtime_error("unknown account " + account);
 }
 
@@ -255,7 +298,9 @@ HttpReply Azurite::send(const std::string& method, const std::string& url) {
   zel::uploader_global_init();
   HttpReply reply;
   CURL* h = curl_easy_init();
-  if (h == nullptr) throw std::runtime_error("curl_easy_init failed");
+  if (h == nullptr) {
+    throw std::runtime_error("curl_easy_init failed");
+  }
   curl_slist* headers = curl_slist_append(nullptr, "x-ms-version: 2020-04-08");
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_CAINFO, test_certs().ca.c_str());
@@ -285,8 +330,8 @@ HttpReply Azurite::send(const std::string& method, const std::string& url) {
 }
 
 bool Azurite::create_container(const std::string& name, const std::string& account) {
-  HttpReply r = send("PUT", endpoint(account) + "/" + name + "?restype=container&" +
-                                account_sas(account));
+  HttpReply r =
+      send("PUT", endpoint(account) + "/" + name + "?restype=container&" + account_sas(account));
   return r.status == 201 || r.status == 409;
 }
 
@@ -296,9 +341,10 @@ HttpReply Azurite::request_blob(const std::string& path, const std::string& acco
 
 std::string Azurite::get_blob(const std::string& path, const std::string& account) {
   HttpReply r = request_blob(path, account);
-  if (r.status != 200)
+  if (r.status != 200) {
     throw std::runtime_error("GET " + path + " answered " + std::to_string(r.status) + " " +
                              r.error);
+  }
   return r.body;
 }
 
@@ -308,7 +354,9 @@ BlobProperties Azurite::blob_properties(const std::string& path, const std::stri
   p.status = r.status;
   p.blob_type = header_value(r.headers, "x-ms-blob-type");
   std::string length = header_value(r.headers, "content-length");
-  if (!length.empty()) p.length = std::stoll(length);
+  if (!length.empty()) {
+    p.length = std::stoll(length);
+  }
   return p;
 }
 

@@ -67,8 +67,8 @@ const std::vector<size_t> kCaps = {1, 7, 16, 17, 31, 1000, 1024, 65536, 200000};
 struct Sample {
   std::string path;
   std::string plain;
-  std::string cipher;        // openssl's ciphertext
-  std::string cipher_path;   // the same ciphertext as a file
+  std::string cipher;       // openssl's ciphertext
+  std::string cipher_path;  // the same ciphertext as a file
 };
 
 const Sample& sample(size_t size) {
@@ -76,7 +76,8 @@ const Sample& sample(size_t size) {
   auto it = cache.find(size);
   if (it != cache.end()) return it->second;
   Sample s;
-  s.path = make_clip("sample-" + std::to_string(size) + ".mp4", size, static_cast<unsigned>(size + 7));
+  s.path =
+      make_clip("sample-" + std::to_string(size) + ".mp4", size, static_cast<unsigned>(size + 7));
   s.plain = read_file(s.path);
   s.cipher_path = s.path + ".enc";
   openssl_enc(s.path, s.cipher_path, kPassword);
@@ -118,7 +119,8 @@ TEST_P(StreamingCryptoByCap, DecryptionOfOpensslOutputGivesTheClipBack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SizesAndCaps, StreamingCryptoByCap,
-                         ::testing::Combine(::testing::ValuesIn(kSizes), ::testing::ValuesIn(kCaps)),
+                         ::testing::Combine(::testing::ValuesIn(kSizes),
+                                            ::testing::ValuesIn(kCaps)),
                          [](const ::testing::TestParamInfo<std::tuple<size_t, size_t>>& info) {
                            return "size" + std::to_string(std::get<0>(info.param)) + "_cap" +
                                   std::to_string(std::get<1>(info.param));
@@ -138,7 +140,8 @@ TEST(StreamingCryptoSize, AnnouncedSizeFollowsThePaddingRule) {
 
 TEST(StreamingCryptoPassword, PasswordBytesAreUsedExactlyAsGiven) {
   const Sample& s = sample(1000);
-  for (const std::string password : {"", "a", "with spaces and \xc3\xa9 accents!", "0123456789abcdef0123"}) {
+  for (const std::string password :
+       {"", "a", "with spaces and \xc3\xa9 accents!", "0123456789abcdef0123"}) {
     std::string expected = openssl_encrypt(s.path, password);
     StreamingCrypto crypto(s.path, password, crypto_direction::ENCRYPTION);
     StreamOutcome out = drain(crypto, 4096);
@@ -164,8 +167,9 @@ TEST(StreamingCryptoDecryptFailures, BadCiphertextFailsWhereOpensslFails) {
   for (const Case& c : cases) {
     std::string path = temp_dir() + "/bad-" + std::to_string(&c - cases.data()) + ".enc";
     write_file(path, c.cipher);
-    CommandResult oracle = run_command("openssl enc -d -aes-192-cbc -md md5 -nosalt -pass 'pass:" +
-                                       c.password + "' -in '" + path + "' -out /dev/null");
+    CommandResult oracle =
+        run_command("openssl enc -d -aes-192-cbc -md md5 -nosalt -pass 'pass:" + c.password +
+                    "' -in '" + path + "' -out /dev/null");
     ASSERT_NE(oracle.status, 0) << c.name << ": openssl accepted it, so the case proves nothing";
     StderrCapture err;
     StreamingCrypto crypto(path, c.password, crypto_direction::DECRYPTION);
@@ -174,7 +178,8 @@ TEST(StreamingCryptoDecryptFailures, BadCiphertextFailsWhereOpensslFails) {
     ASSERT_EQ(out.failure, "") << c.name;
     EXPECT_FALSE(out.good) << c.name;
     EXPECT_FALSE(crypto.is_good()) << c.name;
-    EXPECT_NE(text.find("error in EVP_EncryptFinal\n"), std::string::npos) << c.name << ": " << text;
+    EXPECT_NE(text.find("error in EVP_EncryptFinal\n"), std::string::npos)
+        << c.name << ": " << text;
   }
 }
 

@@ -73,8 +73,8 @@ inline CommandResult run_command(const std::string& cmd) {
 inline void openssl_enc(const std::string& in_path, const std::string& out_path,
                         const std::string& password, bool decrypt = false) {
   CommandResult r = run_command(std::string("openssl enc ") + (decrypt ? "-d " : "") +
-                                "-aes-192-cbc -md md5 -nosalt -pass 'pass:" + password +
-                                "' -in '" + in_path + "' -out '" + out_path + "'");
+                                "-aes-192-cbc -md md5 -nosalt -pass 'pass:" + password + "' -in '" +
+                                in_path + "' -out '" + out_path + "'");
   if (r.status != 0) throw std::runtime_error("openssl enc failed: " + r.err);
 }
 

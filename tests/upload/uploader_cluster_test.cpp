@@ -147,7 +147,8 @@ TEST_F(UploaderClusterTest, EachClipReportsStartThenOutcomeExactlyOnce) {
   EXPECT_EQ(started.message, "");
   EXPECT_EQ(started.bytes, 0);
   EXPECT_EQ(uploaded.state, 5);
-  EXPECT_EQ(uploaded.message.rfind("Uploaded: " + good_clip + "\nTo: https://devstoreaccount1", 0), 0u)
+  EXPECT_EQ(uploaded.message.rfind("Uploaded: " + good_clip + "\nTo: https://devstoreaccount1", 0),
+            0u)
       << uploaded.message;
   EXPECT_EQ(uploaded.bytes, static_cast<int64_t>(expected_cipher.size()));
 
@@ -156,11 +157,12 @@ TEST_F(UploaderClusterTest, EachClipReportsStartThenOutcomeExactlyOnce) {
   const UploadStatus& failed = by_key[key_of(refused)][1];
   EXPECT_EQ(failed.state, 7);
   EXPECT_EQ(failed.bytes, 0);
-  EXPECT_EQ(failed.message, std::string("curl_easy_perform() failed: ") + curl_easy_strerror(CURLE_OK) +
-                                " HTTP Status Code: 403");
+  EXPECT_EQ(failed.message, std::string("curl_easy_perform() failed: ") +
+                                curl_easy_strerror(CURLE_OK) + " HTTP Status Code: 403");
 
   EXPECT_TRUE(pool.get_statuses().empty()) << "statuses are delivered once";
-  std::string stored = az().get_blob(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704067200.mp4");
+  std::string stored =
+      az().get_blob(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704067200.mp4");
   EXPECT_TRUE(openssl_decrypt(stored, kSecret) == read_file(good_clip));
 }
 
@@ -182,12 +184,15 @@ TEST_F(UploaderClusterTest, TheJobIsACopyTakenWhenQueued) {
   pool.set_size(1);
   auto by_key = collect(pool, {"aabbccddeeff1704067300", "aabbccddeeff1704067301"});
   ASSERT_EQ(by_key["aabbccddeeff1704067300"].size(), 2u);
-  EXPECT_EQ(by_key["aabbccddeeff1704067300"][1].state, 5) << by_key["aabbccddeeff1704067300"][1].message;
-  std::string stored = az().get_blob(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704067300.mp4");
+  EXPECT_EQ(by_key["aabbccddeeff1704067300"][1].state, 5)
+      << by_key["aabbccddeeff1704067300"][1].message;
+  std::string stored =
+      az().get_blob(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704067300.mp4");
   EXPECT_TRUE(openssl_decrypt(stored, kSecret) == read_file(clip));
   ASSERT_EQ(by_key["aabbccddeeff1704067301"].size(), 2u);
   EXPECT_EQ(by_key["aabbccddeeff1704067301"][1].state, 7);
-  EXPECT_EQ(by_key["aabbccddeeff1704067301"][1].message, "Clip file size changed: expected 4999 got 5000");
+  EXPECT_EQ(by_key["aabbccddeeff1704067301"][1].message,
+            "Clip file size changed: expected 4999 got 5000");
 }
 
 TEST_F(UploaderClusterTest, PoolSizeIsTheNumberOfUploadsInProgress) {
@@ -295,7 +300,9 @@ TEST_F(UploaderClusterTest, QueuedWorkCanBeTakenBackUnstarted) {
     for (const UploadStatus& s : pool.get_statuses()) by_key[s.key].push_back(s);
     EXPECT_EQ(by_key.count(key_of(b)), 0u) << "a taken-back clip was uploaded";
     EXPECT_EQ(by_key.count(key_of(c)), 0u) << "a taken-back clip was uploaded";
-    EXPECT_EQ(az().blob_properties(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704070001.mp4").status, 404);
+    EXPECT_EQ(az().blob_properties(std::string(kNvr) + "/" + kCamera + "/2024-01-01/1704070001.mp4")
+                  .status,
+              404);
   }
   {
     // Disconnect: with no thread left, whatever is queued stays there to be handed back.

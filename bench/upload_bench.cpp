@@ -1,0 +1,341 @@
+// Cost of the upload path, each figure next to an independent reference run in the same
+// process on the same files:
+//   1. encryption: StreamingCrypto::stream_to over a 256000000-byte clip against
+//      `openssl enc -aes-192-cbc` over the same file (goal: at least 0.9 of its speed);
+//   2. upload: clips of 64 MiB and 256000000 bytes to the blob emulator over HTTPS through
+//      the upload pool with 1, 2 and 4 threads, against `curl -T` of the same encrypted
+//      bytes to the same emulator (goal: one thread at least 0.9 of curl);
+//   3. memory: peak RSS of a process uploading a 256000000-byte clip against one uploading
+//      a 1 MiB clip (goal: within 16 MiB of each other).
+// Usage: zel_upload_bench [repetitions=3]
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/time_utils.h"
+#include "support/azurite.h"
+#include "support/certs.h"
+#include "upload/streaming_crypto.h"
+#include "upload/uploader.h"
+#include "upload/uploader_cluster.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char kPassword[] = "SECRET";
+const char kNvr[] = "0011223344aa";
+const char kCamera[] = "aabbccddeeff";
+constexpr size_t kBigClip = 256000000;
+constexpr size_t kMediumClip = 64 * 1024 * 1024;
+constexpr size_t kSmallClip = 1024 * 1024;
+
+double seconds_since(Clock::time_point t0) {
+  return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+double mb_per_s(double bytes, double seconds) { return bytes / 1e6 / seconds; }
+
+const char* verdict(bool ok) { return ok ? "met" : "NOT MET"; }
+
+void make_file(const std::string& path, size_t size, uint64_t seed) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  std::vector<uint64_t> chunk(1 << 17);  // 1 MiB
+  uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
+  size_t left = size;
+  while (left > 0) {
+    for (auto& w : chunk) {
+      x ^= x >> 12;
+      x ^= x << 25;
+      x ^= x >> 27;
+      w = x * 0x2545F4914F6CDD1Dull;
+    }
+    size_t n = std::min(left, chunk.size() * sizeof(uint64_t));
+    out.write(reinterpret_cast<const char*>(chunk.data()), static_cast<std::streamsize>(n));
+    left -= n;
+  }
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+// Reads a file once so both contestants start from the page cache.
+void warm(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return;
+  std::vector<char> buf(1 << 20);
+  while (fread(buf.data(), 1, buf.size(), f) > 0) {
+  }
+  fclose(f);
+}
+
+int run(const std::string& cmd) { return std::system(cmd.c_str()); }
+
+std::string capture(const std::string& cmd) {
+  std::string out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return out;
+  char buf[256];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  pclose(p);
+  return out;
+}
+
+// ---- 1. encryption ----------------------------------------------------------------------
+
+double stream_seconds(const std::string& path, size_t cap) {
+  std::vector<char> buf(cap);
+  auto t0 = Clock::now();
+  zel::StreamingCrypto crypto(path, kPassword, zel::crypto_direction::ENCRYPTION);
+  size_t total = 0;
+  for (;;) {
+    size_t n = crypto.stream_to(buf.data(), cap);
+    if (n == 0) break;
+    total += n;
+  }
+  double s = seconds_since(t0);
+  if (!crypto.is_good() || total != crypto.get_encrypted_size())
+    throw std::runtime_error("stream_to did not produce the announced ciphertext");
+  return s;
+}
+
+double openssl_seconds(const std::string& path) {
+  auto t0 = Clock::now();
+  int rc = run("openssl enc -aes-192-cbc -md md5 -nosalt -pass pass:" + std::string(kPassword) +
+               " -in '" + path + "' -out /dev/null 2>/dev/null");
+  double s = seconds_since(t0);
+  if (rc != 0) throw std::runtime_error("openssl enc failed");
+  return s;
+}
+
+void bench_encryption(const std::string& clip, int reps) {
+  warm(clip);
+  const std::vector<size_t> caps = {65536, 16384};
+  std::map<size_t, double> best;
+  double best_openssl = 1e9;
+  for (int r = 0; r < reps; ++r) {
+    for (size_t cap : caps) {
+      double s = stream_seconds(clip, cap);
+      best[cap] = best.count(cap) ? std::min(best[cap], s) : s;
+    }
+    best_openssl = std::min(best_openssl, openssl_seconds(clip));
+  }
+  const double bytes = static_cast<double>(kBigClip);
+  printf("\n== 1. Encryption of a %zu-byte clip (best of %d, MB = 10^6 bytes)\n", kBigClip, reps);
+  printf("  %-36s %9.1f MB/s\n", "openssl enc -aes-192-cbc", mb_per_s(bytes, best_openssl));
+  for (size_t cap : caps) {
+    std::string label = "stream_to, cap " + std::to_string(cap);
+    printf("  %-36s %9.1f MB/s   ratio %.2f\n", label.c_str(), mb_per_s(bytes, best[cap]),
+           best_openssl / best[cap]);
+  }
+  double ratio = best_openssl / best[65536];
+  printf("  goal: stream_to (cap 65536, libcurl's upload buffer) >= 0.9 of openssl: %.2f %s\n",
+         ratio, verdict(ratio >= 0.9));
+}
+
+// ---- 2. upload --------------------------------------------------------------------------
+
+struct Emulator {
+  zel_test::Azurite az;
+  // A fresh emulator for each series: its in-memory store frees nothing for minutes, and
+  // gigabytes of test blobs must not pile up.
+  void restart() {
+    az.stop();
+    az.start();
+    setenv("ZEL_BLOB_DOMAIN", az.blob_domain().c_str(), 1);
+    if (!az.create_container(kNvr)) throw std::runtime_error("cannot create the container");
+  }
+};
+
+double curl_seconds(Emulator& em, const std::string& encrypted, int64_t start_time) {
+  std::string url = em.az.endpoint() + "/" + kNvr + "/" + kCamera + "/bench/" +
+                    std::to_string(start_time) + ".mp4?" + em.az.account_sas();
+  auto t0 = Clock::now();
+  std::string code = capture("curl -s -o /dev/null -w '%{http_code}' --cacert '" +
+                             zel_test::test_certs().ca + "' -T '" + encrypted + "' '" + url +
+                             "' -H 'x-ms-version: 2020-04-08' -H 'x-ms-blob-type: BlockBlob'");
+  double s = seconds_since(t0);
+  if (code != "201") throw std::runtime_error("curl -T answered " + code);
+  return s;
+}
+
+// Wall time for `threads` clips uploaded side by side by a pool of that many threads.
+double pool_seconds(const std::string& clip, size_t size, unsigned threads, int64_t first_start) {
+  zel::UploaderCluster pool(zel_test::test_certs().ca);
+  pool.set_size(0);
+  std::vector<std::string> keys;
+  zel::PendingClip p;
+  p.clip.path = clip;
+  p.clip.camera_mac = kCamera;
+  p.clip.size = static_cast<int64_t>(size);
+  p.opts.upload_option = 1;
+  p.opts.confirm_timeout = 600;
+  p.nvr_mac = kNvr;
+  p.credentials.account = zel_test::Azurite::kAccount;
+  p.credentials.secret = kPassword;
+  for (unsigned i = 0; i < threads; ++i) {
+    p.clip.start_time = first_start + i;
+    p.credentials.token = std::getenv("ZEL_BENCH_SAS");
+    pool.upload(p);
+    keys.push_back(std::string(kCamera) + std::to_string(p.clip.start_time));
+  }
+  auto t0 = Clock::now();
+  pool.set_size(threads);
+  size_t done = 0;
+  while (done < keys.size()) {
+    for (const auto& s : pool.get_statuses()) {
+      if (s.state == 7) throw std::runtime_error("upload failed: " + s.message);
+      if (s.state == 5) ++done;
+    }
+    if (done < keys.size()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return seconds_since(t0);
+}
+
+void bench_upload(Emulator& em, const std::string& dir, const std::string& big, int reps) {
+  struct Row {
+    std::string label;
+    std::string clip;
+    size_t size;
+  };
+  std::string medium = dir + "/clip-64MiB.mp4";
+  make_file(medium, kMediumClip, 2);
+  const std::vector<Row> rows = {{"64 MiB", medium, kMediumClip}, {"256000000 B", big, kBigClip}};
+  const std::vector<unsigned> thread_counts = {1, 2, 4};
+  printf(
+      "\n== 2. Upload to the blob emulator over HTTPS on loopback (best of %d, MB/s of\n"
+      "      ciphertext, all clips of a run together)\n",
+      reps);
+  printf("  %-12s %12s %12s %12s %12s %10s\n", "clip", "curl -T", "1 thread", "2 threads",
+         "4 threads", "1t/curl");
+  int64_t start = 1704067200;
+  double worst_ratio = 1e9;
+  for (const Row& row : rows) {
+    std::string encrypted = row.clip + ".enc";
+    if (run("openssl enc -aes-192-cbc -md md5 -nosalt -pass pass:" + std::string(kPassword) +
+            " -in '" + row.clip + "' -out '" + encrypted + "' 2>/dev/null") != 0)
+      throw std::runtime_error("openssl enc failed");
+    const double cipher_bytes = static_cast<double>(row.size / 16 * 16 + 16);
+    warm(row.clip);
+    warm(encrypted);
+    em.restart();
+    setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+    double best_curl = 1e9;
+    for (int r = 0; r < reps; ++r)
+      best_curl = std::min(best_curl, curl_seconds(em, encrypted, start++));
+    std::map<unsigned, double> best;
+    for (unsigned t : thread_counts) {
+      em.restart();
+      setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+      best[t] = 1e9;
+      for (int r = 0; r < reps; ++r) {
+        best[t] = std::min(best[t], pool_seconds(row.clip, row.size, t, start));
+        start += t;
+      }
+    }
+    double ratio = best_curl / best[1];
+    worst_ratio = std::min(worst_ratio, ratio);
+    printf("  %-12s %12.1f %12.1f %12.1f %12.1f %10.2f\n", row.label.c_str(),
+           mb_per_s(cipher_bytes, best_curl), mb_per_s(cipher_bytes, best[1]),
+           mb_per_s(2 * cipher_bytes, best[2]), mb_per_s(4 * cipher_bytes, best[4]), ratio);
+    std::remove(encrypted.c_str());
+  }
+  printf("  goal: one thread >= 0.9 of curl -T: worst %.2f %s\n", worst_ratio,
+         verdict(worst_ratio >= 0.9));
+}
+
+// ---- 3. memory --------------------------------------------------------------------------
+
+// Runs this program again as a child that uploads one clip; returns its peak RSS in KiB.
+long child_peak_rss_kib(const std::string& clip, size_t size, int64_t start_time) {
+  // The child gets the parent's CA: a certificate set of its own would not match the emulator.
+  std::vector<std::string> args = {
+      "/proc/self/exe",     "--child-upload",           clip,
+      std::to_string(size), std::to_string(start_time), zel_test::test_certs().ca};
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  pid_t pid;
+  if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), environ) != 0)
+    throw std::runtime_error("cannot start the child");
+  int status = 0;
+  rusage usage{};
+  if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    throw std::runtime_error("the uploading child failed");
+  return usage.ru_maxrss;
+}
+
+int child_upload(int argc, char** argv) {
+  if (argc < 6) return 2;
+  zel::uploader_global_init();
+  zel::Uploader uploader(argv[5]);
+  zel::UploadData d;
+  d.start = zel::time_now();
+  d.nvr_mac = kNvr;
+  d.camera_mac = kCamera;
+  d.start_time = std::atoll(argv[4]);
+  d.path = argv[2];
+  d.account = zel_test::Azurite::kAccount;
+  d.token = std::getenv("ZEL_BENCH_SAS");
+  d.secret = kPassword;
+  d.timeout_s = 600;
+  d.expected_size = std::atoll(argv[3]);
+  zel::UploadResult r = uploader.upload(d);
+  if (!r.success) fprintf(stderr, "child upload failed: %s\n", r.message.c_str());
+  return r.success ? 0 : 1;
+}
+
+void bench_memory(Emulator& em, const std::string& dir, const std::string& big) {
+  std::string small = dir + "/clip-1MiB.mp4";
+  make_file(small, kSmallClip, 3);
+  em.restart();
+  setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+  long small_kib = child_peak_rss_kib(small, kSmallClip, 1704100000);
+  long big_kib = child_peak_rss_kib(big, kBigClip, 1704100001);
+  double diff_mib = static_cast<double>(big_kib - small_kib) / 1024.0;
+  printf("\n== 3. Peak RSS of a process uploading one clip\n");
+  printf("  %-36s %9.1f MiB\n", "1 MiB clip", static_cast<double>(small_kib) / 1024.0);
+  printf("  %-36s %9.1f MiB\n", "256000000-byte clip", static_cast<double>(big_kib) / 1024.0);
+  printf("  goal: difference within 16 MiB: %.1f MiB %s\n", diff_mib,
+         verdict(diff_mib <= 16.0 && diff_mib >= -16.0));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--child-upload") == 0) return child_upload(argc, argv);
+  int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
+  try {
+    zel::uploader_global_init();
+    std::string dir = zel_test::make_temp_dir("zel-upload-bench-");
+    std::string big = dir + "/clip-256000000.mp4";
+    make_file(big, kBigClip, 1);
+    printf("upload bench: %u cores, files in %s\n", std::thread::hardware_concurrency(),
+           dir.c_str());
+    bench_encryption(big, reps);
+    Emulator em;
+    bench_upload(em, dir, big, reps);
+    bench_memory(em, dir, big);
+    em.az.stop();
+    run("rm -rf '" + dir + "'");
+  } catch (const std::exception& e) {
+    fprintf(stderr, "upload bench failed: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}
