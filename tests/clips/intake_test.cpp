@@ -8,6 +8,7 @@
 
 #include "clips/clip_recorder.h"
 #include "foundation/time_utils.h"
+#include "handlers/zel_handler.h"
 #include "messaging/messaging.h"
 #include "support/certs.h"
 #include "support/log_capture.h"
@@ -119,6 +120,26 @@ TEST_F(Intake, OneClipPerPassUpToTheLimitAndKnownCredentialsStartAtOnce) {
   m.set_credentials(zel::CloudCredentials{"other", "t2", "s2", "1614600000", "0a1b2c3d4e5f", 0});
   EXPECT_THAT(a.states(), ElementsAre(0, 2, 3));
   EXPECT_EQ(m.get_pending_clips().at("0a1b2c3d4e5f1614600000").credentials.account, "acct");
+}
+
+TEST_F(Intake, StorageAccessRepliesOkWhateverItCarries) {
+  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  zel::MsgResponse empty = zel::ZelHandler::handleMessage(&m, "getStorageAccess", "{}", nullptr);
+  EXPECT_TRUE(empty.ok);
+  EXPECT_EQ(empty.content, "\"OK\"");
+  ASSERT_EQ(m.get_credentials().count(""), 1u);  // five empty strings, stored and left to expire
+  // Members of the wrong type count as missing; nothing waits for them.
+  zel::ZelHandler::handleMessage(
+      &m, "getStorageAccess",
+      "{\"account\":1,\"token\":[\"t\"],\"secret\":null,\"start_at\":1614600000,\"camera_mac\":\"cam\"}",
+      nullptr);
+  ASSERT_EQ(m.get_credentials().count("cam"), 1u);
+  EXPECT_EQ(m.get_credentials().at("cam").account, "");
+  EXPECT_EQ(m.get_credentials().at("cam").start_at, "");
+  zel::MsgResponse bad = zel::ZelHandler::handleMessage(&m, "getStorageAccess", "{nope", nullptr);
+  EXPECT_FALSE(bad.ok);
+  EXPECT_EQ(bad.content, "{\"error\": \"Could not parse contents\"}");
+  EXPECT_EQ(m.get_credentials().size(), 2u);
 }
 
 TEST_F(Intake, ExpiryBoundaries) {
