@@ -56,15 +56,6 @@ class StdoutCapture {
   std::string text_;
 };
 
-bool eventually(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return pred();
-}
-
 // The microseconds in a message id: when the worker built the message.
 long long built_at(const std::string& text) {
   std::string id = json_string(text, "id");

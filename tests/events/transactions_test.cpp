@@ -21,16 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 
 const char* const kOkay = "{\"status\":\"OK\",\"details\":\"OK\"}";
-const std::string kVersionPlain =
-    "{\"version\":\"22.1.0\",\"buildNumber\":1,\"buildDate\":\"202007080000\","
-    "\"architecture\":\"pelmo_linux64\",\"ui\":\"none\"}";
-
-std::string envelope(const std::string& to, const std::string& subject, const std::string& content) {
-  return std::string("{\"id\":\"") + kDeviceMacLower + "<us>\",\"from\":\"" + kDeviceMacLower +
-         "\",\"to\":\"" + to + "\",\"subject\":\"" + subject +
-         "\",\"date\":\"<date>\",\"signature\":\"n/a\",\"content\":" + content + "}";
-}
-
 // Sends a request and returns the "content" of the device's reply ("" when none came).
 std::string ask(CloudServer& server, const std::string& subject, const std::string& content_json,
                 const std::string& id) {

@@ -30,9 +30,6 @@ using zel::MsgResponse;
 const char* const kCouldNotParse = "{\"error\": \"Could not parse contents\"}";
 const char* const kNotImplemented = "{\"error\": \"Not implemented\"}";
 
-const std::string kVersionPlain =
-    "{\"version\":\"22.1.0\",\"buildNumber\":1,\"buildDate\":\"202007080000\","
-    "\"architecture\":\"pelmo_linux64\",\"ui\":\"none\"}";
 const std::string kVersionFull =
     "{\"version\":\"22.1.0\",\"account\":\"acme\",\"buildNumber\":1,\"partner\":\"p1\","
     "\"buildDate\":\"202007080000\",\"serialNumber\":\"SN1\",\"architecture\":\"pelmo_linux64\","
@@ -43,15 +40,6 @@ MsgResponse dispatch(const std::string& subject, const std::string& contents) {
   zel::Messaging& m = zel::Messaging::get();
   std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
   return zel::ZelHandler::handleMessage(&m, subject, contents, nullptr);
-}
-
-bool eventually(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return pred();
 }
 
 int32_t account_id() {

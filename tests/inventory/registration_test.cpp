@@ -17,26 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string envelope(const std::string& to, const std::string& subject, const std::string& content) {
-  return std::string("{\"id\":\"") + kDeviceMacLower + "<us>\",\"from\":\"" + kDeviceMacLower +
-         "\",\"to\":\"" + to + "\",\"subject\":\"" + subject +
-         "\",\"date\":\"<date>\",\"signature\":\"n/a\",\"content\":" + content + "}";
-}
-
-std::string camera_announcement(const std::string& camera) {
-  return envelope(
-      "jobs", "transaction",
-      std::string("{\"apiVersion\":\"2\",\"method\":\"changed\",\"topic\":\"transaction\",\"nvrMac\":\"") +
-          kDeviceMacLower +
-          "\",\"model\":\"camera\",\"properties\":{\"created_at\":\"2018-03-01T12:00:00.000Z\","
-          "\"deleted_at\":null,\"ip_address\":\"0.0.0.0\",\"is_fragmented_mp4\":false,\"is_hls\":false,"
-          "\"is_live_h264\":false,\"is_ptz\":false,\"is_zoom\":false,\"mac_address\":\"" +
-          camera +
-          "\",\"model\":\"Lumatrix-Camera\",\"name\":\"ZelCloudLibCamera\",\"password\":\"24680\","
-          "\"transcode_audio\":true,\"transcode_video\":false,\"updated_at\":\"2018-03-01T12:00:00.000Z\","
-          "\"username\":\"admin\"},\"subject\":\"transaction\"}");
-}
-
 std::string transaction(const std::string& model, const std::string& properties) {
   return envelope("jobs", "transaction",
                   std::string("{\"topic\":\"transaction\",\"nvrMac\":\"") + kDeviceMacLower +
