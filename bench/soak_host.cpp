@@ -15,6 +15,7 @@
 //   {"final":true,...}                                  the summary, last
 // The library may print lines of its own on stdout; readers skip what is not JSON.
 #include <dirent.h>
+#include <malloc.h>
 #include <unistd.h>
 #include <zel/upload.h>
 
@@ -53,11 +54,21 @@ std::string json_string(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20) {
           char buf[8];
@@ -85,6 +96,10 @@ void emit(const std::string& line) {
 struct ProcSample {
   double t = 0;
   long rss_kb = -1;
+  long rss_anon_kb = -1;
+  long rss_file_kb = -1;   // library code and data pages: grows as new paths first run
+  long heap_kb = -1;       // what the allocator has handed out and not had back
+  long heap_free_kb = -1;  // freed, but kept by the allocator for reuse
   int fds = -1;
   int threads = -1;
   bool connected = false;
@@ -93,6 +108,10 @@ struct ProcSample {
 
   std::string json() const {
     std::string s = "{\"t\":" + fixed(t, 1) + ",\"rss_kb\":" + std::to_string(rss_kb) +
+                    ",\"rss_anon_kb\":" + std::to_string(rss_anon_kb) +
+                    ",\"rss_file_kb\":" + std::to_string(rss_file_kb) +
+                    ",\"heap_kb\":" + std::to_string(heap_kb) +
+                    ",\"heap_free_kb\":" + std::to_string(heap_free_kb) +
                     ",\"fds\":" + std::to_string(fds) + ",\"threads\":" + std::to_string(threads) +
                     ",\"connected\":" + (connected ? "true" : "false") +
                     ",\"busy\":" + (busy ? "true" : "false") + ",\"fd_kinds\":{";
@@ -109,9 +128,9 @@ struct ProcSample {
 // Socket inode -> "ws:STATE", "blob:STATE" or "tcp:STATE", from the kernel's TCP tables,
 // so that a socket left open can be told apart from a connection still in use.
 std::map<std::string, std::string> tcp_sockets(int ws_port, int blob_port) {
-  static const char* kStates[] = {"?",         "ESTABLISHED", "SYN_SENT", "SYN_RECV",
-                                  "FIN_WAIT1", "FIN_WAIT2",   "TIME_WAIT", "CLOSE",
-                                  "CLOSE_WAIT", "LAST_ACK",   "LISTEN",   "CLOSING"};
+  static const char* kStates[] = {"?",          "ESTABLISHED", "SYN_SENT",  "SYN_RECV",
+                                  "FIN_WAIT1",  "FIN_WAIT2",   "TIME_WAIT", "CLOSE",
+                                  "CLOSE_WAIT", "LAST_ACK",    "LISTEN",    "CLOSING"};
   std::map<std::string, std::string> out;
   for (const char* table : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
     std::ifstream in(table);
@@ -120,16 +139,40 @@ std::map<std::string, std::string> tcp_sockets(int ws_port, int blob_port) {
     while (std::getline(in, line)) {
       std::istringstream fields(line);
       std::string slot, local, remote, state, queues, timer, retr, uid, timeout, inode;
-      fields >> slot >> local >> remote >> state >> queues >> timer >> retr >> uid >> timeout >> inode;
+      fields >> slot >> local >> remote >> state >> queues >> timer >> retr >> uid >> timeout >>
+          inode;
       if (inode.empty()) continue;
       size_t colon = remote.rfind(':');
-      int port = colon == std::string::npos ? -1
-                                            : static_cast<int>(std::strtol(remote.c_str() + colon + 1, nullptr, 16));
+      int port = colon == std::string::npos
+                     ? -1
+                     : static_cast<int>(std::strtol(remote.c_str() + colon + 1, nullptr, 16));
       int st = static_cast<int>(std::strtol(state.c_str(), nullptr, 16));
       std::string state_name = st >= 0 && st < 12 ? kStates[st] : "?";
       std::string peer = port == ws_port ? "ws" : port == blob_port ? "blob" : "tcp";
       out[inode] = peer + ":" + state_name;
     }
+  }
+  // Other sockets only by family: the library keeps none of its own, but its
+  // dependencies may (name resolution, for one).
+  for (const char* table : {"/proc/self/net/udp", "/proc/self/net/udp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      std::string f[10];
+      for (auto& x : f) fields >> x;
+      if (!f[9].empty()) out[f[9]] = "udp";
+    }
+  }
+  std::ifstream unix_table("/proc/self/net/unix");
+  std::string line;
+  std::getline(unix_table, line);
+  while (std::getline(unix_table, line)) {
+    std::istringstream fields(line);
+    std::string f[7];
+    for (auto& x : f) fields >> x;
+    if (!f[6].empty()) out[f[6]] = "unix";
   }
   return out;
 }
@@ -141,8 +184,16 @@ ProcSample sample_process(int ws_port, int blob_port) {
   std::string line;
   while (std::getline(status, line)) {
     if (line.rfind("VmRSS:", 0) == 0) s.rss_kb = std::strtol(line.c_str() + 6, nullptr, 10);
-    if (line.rfind("Threads:", 0) == 0) s.threads = static_cast<int>(std::strtol(line.c_str() + 8, nullptr, 10));
+    if (line.rfind("RssAnon:", 0) == 0) s.rss_anon_kb = std::strtol(line.c_str() + 8, nullptr, 10);
+    if (line.rfind("RssFile:", 0) == 0) s.rss_file_kb = std::strtol(line.c_str() + 8, nullptr, 10);
+    if (line.rfind("Threads:", 0) == 0)
+      s.threads = static_cast<int>(std::strtol(line.c_str() + 8, nullptr, 10));
   }
+  // Resident memory also counts what the allocator keeps cached after frees; the bytes
+  // in use tell a leak from fragmentation.
+  const struct mallinfo2 mi = mallinfo2();
+  s.heap_kb = static_cast<long>((mi.uordblks + mi.hblkhd) / 1024);
+  s.heap_free_kb = static_cast<long>(mi.fordblks / 1024);
   std::map<std::string, std::string> sockets = tcp_sockets(ws_port, blob_port);
   DIR* dir = opendir("/proc/self/fd");
   if (dir == nullptr) return s;
@@ -181,24 +232,24 @@ ProcSample sample_process(int ws_port, int blob_port) {
 
 // ------------------------------------------------------------------------ clips
 
-struct Clip {
-  int n = 0;
-  std::string path;
-  int64_t start_time = 0;
-  int state = -1;  // last reported
-  std::string message;
-  bool removed = false;
-  int after_final = 0;  // states reported after a final one: none should come
-};
-
 bool is_final(int state) {
   return state == zel::CLIP_REJECTED || state == zel::CLIP_CONFIRMED || state == zel::CLIP_FAILED;
 }
 
-// The clip table is also written from the library's worker thread; nothing calls into
-// the library while holding this lock, so the worker never waits on the host.
-std::mutex g_clips_mu;
-std::map<int, std::shared_ptr<Clip>> g_clips;
+// What the host remembers of its clips. It must stay small and bounded itself, or its
+// own growth would hide (or fake) a leak in the library: a clip that is over leaves
+// one byte (its last state) and a count in the tallies.
+// Written from the library's worker thread too; nothing calls into the library while
+// holding the lock, so the worker never waits on the host.
+struct ClipBook {
+  std::mutex mu;
+  std::vector<int8_t> last;                  // by clip number; -1: not reported yet
+  std::map<int, std::string> files;          // files not removed yet
+  std::map<int, std::string> open_messages;  // last message of clips not over yet
+  std::map<std::string, int> failed_messages;
+  int after_final = 0;  // states reported after a final one: none should come
+};
+ClipBook g_book;
 
 // Content does not matter to the library; a cheap generator keeps every file distinct.
 bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
@@ -215,7 +266,8 @@ bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
       x ^= x << 17;
       w = x;
     }
-    size_t chunk = static_cast<size_t>(std::min<int64_t>(left, static_cast<int64_t>(buf.size() * 8)));
+    size_t chunk =
+        static_cast<size_t>(std::min<int64_t>(left, static_cast<int64_t>(buf.size() * 8)));
     ok = std::fwrite(buf.data(), 1, chunk, f) == chunk;
     left -= static_cast<int64_t>(chunk);
   }
@@ -226,9 +278,11 @@ int port_of_uri(const std::string& uri) {
   size_t scheme = uri.find("://");
   size_t host = scheme == std::string::npos ? 0 : scheme + 3;
   size_t slash = uri.find('/', host);
-  std::string authority = uri.substr(host, slash == std::string::npos ? std::string::npos : slash - host);
+  std::string authority =
+      uri.substr(host, slash == std::string::npos ? std::string::npos : slash - host);
   size_t colon = authority.rfind(':');
-  if (colon == std::string::npos) return uri.rfind("wss", 0) == 0 || uri.rfind("https", 0) == 0 ? 443 : 80;
+  if (colon == std::string::npos)
+    return uri.rfind("wss", 0) == 0 || uri.rfind("https", 0) == 0 ? 443 : 80;
   return std::atoi(authority.c_str() + colon + 1);
 }
 
@@ -275,10 +329,12 @@ int main(int argc, char** argv) {
   // A real host registers every callback; these only count, and must return at once.
   zel::Upload::register_cloud_status([&](zel::CloudStatus) { ++statuses; });
   zel::Upload::register_list_actions([](std::string) { return zel::MsgResponse("[]"); });
-  zel::Upload::register_perform_action(
-      [](zel::ActionInfo) { return zel::MsgResponse::Error("{\"error\":\"soak host performs nothing\"}"); });
-  zel::Upload::register_ota_update(
-      [](zel::UpdateInfo) { return zel::MsgResponse::Error("{\"error\":\"soak host takes no updates\"}"); });
+  zel::Upload::register_perform_action([](zel::ActionInfo) {
+    return zel::MsgResponse::Error("{\"error\":\"soak host performs nothing\"}");
+  });
+  zel::Upload::register_ota_update([](zel::UpdateInfo) {
+    return zel::MsgResponse::Error("{\"error\":\"soak host takes no updates\"}");
+  });
 
   zel::CloudConnect cc;
   cc.server_uri = arg["--server"];
@@ -313,41 +369,45 @@ int main(int argc, char** argv) {
   const int64_t clip_span = clip_every;
   int clips_submitted = 0;
 
+  g_book.last.reserve(static_cast<size_t>(seconds / clip_every + 16));
   auto submit_clip = [&]() {
     const int n = ++clips_submitted;
-    auto c = std::make_shared<Clip>();
-    c->n = n;
-    c->path = dir + "/soak-clip-" + std::to_string(n) + ".mp4";
-    c->start_time = clip_base + static_cast<int64_t>(n) * clip_span;
-    if (!write_clip(c->path, clip_bytes, static_cast<uint64_t>(n))) {
-      emit("{\"error\":" + json_string("could not write " + c->path) + "}");
+    const std::string path = dir + "/soak-clip-" + std::to_string(n) + ".mp4";
+    const int64_t start_time = clip_base + static_cast<int64_t>(n) * clip_span;
+    if (!write_clip(path, clip_bytes, static_cast<uint64_t>(n))) {
+      emit("{\"error\":" + json_string("could not write " + path) + "}");
     }
     {
-      std::lock_guard<std::mutex> lock(g_clips_mu);
-      g_clips[n] = c;
+      std::lock_guard<std::mutex> lock(g_book.mu);
+      if (g_book.last.size() <= static_cast<size_t>(n))
+        g_book.last.resize(static_cast<size_t>(n) + 1, -1);
+      g_book.files[n] = path;
     }
     zel::ClipInfo clip;
-    clip.path = c->path;
+    clip.path = path;
     clip.camera_mac = camera;
-    clip.start_time = c->start_time;
-    clip.end_time = c->start_time + clip_span;
+    clip.start_time = start_time;
+    clip.end_time = start_time + clip_span;
     clip.size = clip_bytes;
     clip.keyframe_times = {0, 2};
     clip.metadata = "soak-" + std::to_string(n);
-    std::weak_ptr<Clip> weak = c;
-    clip.callback = [weak](int state, const zel::ClipInfo& info, std::string message) {
-      auto rec = weak.lock();
-      if (!rec) return;
+    clip.callback = [n](int state, const zel::ClipInfo& info, std::string message) {
       {
-        std::lock_guard<std::mutex> lock(g_clips_mu);
-        if (is_final(rec->state)) rec->after_final += 1;
-        rec->state = state;
-        rec->message = message;
+        std::lock_guard<std::mutex> lock(g_book.mu);
+        int8_t& last = g_book.last[static_cast<size_t>(n)];
+        if (is_final(last)) g_book.after_final += 1;
+        last = static_cast<int8_t>(state);
+        if (is_final(state)) {
+          g_book.open_messages.erase(n);
+          if (state != zel::CLIP_CONFIRMED) g_book.failed_messages[message.substr(0, 160)] += 1;
+        } else {
+          g_book.open_messages[n] = message.substr(0, 160);
+        }
       }
-      emit("{\"clip\":" + std::to_string(rec->n) + ",\"state\":" + std::to_string(state) +
-           ",\"t\":" + fixed(elapsed_s(), 3) + ",\"start_time\":" + std::to_string(info.start_time) +
-           ",\"camera\":" + json_string(info.camera_mac) + ",\"msg\":" + json_string(message.substr(0, 300)) +
-           "}");
+      emit("{\"clip\":" + std::to_string(n) + ",\"state\":" + std::to_string(state) + ",\"t\":" +
+           fixed(elapsed_s(), 3) + ",\"start_time\":" + std::to_string(info.start_time) +
+           ",\"camera\":" + json_string(info.camera_mac) +
+           ",\"msg\":" + json_string(message.substr(0, 300)) + "}");
     };
     zel::UploadOpts opts;
     opts.upload_option = 1;
@@ -378,12 +438,13 @@ int main(int argc, char** argv) {
   auto tidy = [&](bool all) {
     std::vector<std::string> doomed;
     {
-      std::lock_guard<std::mutex> lock(g_clips_mu);
-      for (auto& kv : g_clips) {
-        Clip& c = *kv.second;
-        if (!c.removed && (all || is_final(c.state))) {
-          c.removed = true;
-          doomed.push_back(c.path);
+      std::lock_guard<std::mutex> lock(g_book.mu);
+      for (auto it = g_book.files.begin(); it != g_book.files.end();) {
+        if (all || is_final(g_book.last[static_cast<size_t>(it->first)])) {
+          doomed.push_back(it->second);
+          it = g_book.files.erase(it);
+        } else {
+          ++it;
         }
       }
     }
@@ -397,9 +458,9 @@ int main(int argc, char** argv) {
   };
   auto census = [&]() {
     Census k;
-    std::lock_guard<std::mutex> lock(g_clips_mu);
-    for (auto& kv : g_clips) {
-      int s = kv.second->state;
+    std::lock_guard<std::mutex> lock(g_book.mu);
+    for (size_t n = 1; n < g_book.last.size(); ++n) {
+      int s = g_book.last[n];
       if (is_final(s)) {
         ++k.finals;
       } else {
@@ -420,9 +481,10 @@ int main(int argc, char** argv) {
   // The baseline is taken once the process has done everything once (connected, one
   // clip through) and at a moment without an upload in progress, so that it compares
   // with the end, which is taken in the same condition.
-  ProcSample start_sample;
-  bool have_start = false;
+  ProcSample start_sample, mid_sample;
+  bool have_start = false, have_mid = false;
   long next_event = 1, next_clip = 1, next_report = report_every, next_check = warmup;
+  long next_mid_check = std::max(warmup, seconds / 2);
 
   const Clock::time_point run_end = g_started + std::chrono::seconds(seconds);
   while (Clock::now() < run_end) {
@@ -447,11 +509,25 @@ int main(int argc, char** argv) {
         emit("{\"baseline\":" + start_sample.json() + "}");
       }
     }
+    // A second quiet sample half-way: growth from there to the end is what a leak
+    // looks like once every fault has been seen at least once.
+    if (have_start && !have_mid && t >= next_mid_check) {
+      next_mid_check = static_cast<long>(t) + 1;
+      Census k = census();
+      if ((connected.load() && k.in_progress == 0) || t >= seconds / 2 + 90) {
+        mid_sample = take_sample();
+        have_mid = true;
+        emit("{\"midpoint\":" + mid_sample.json() + "}");
+      }
+    }
     if (t >= next_report) {
       next_report = static_cast<long>(t) + report_every;
       ProcSample s = take_sample();
       Census k = census();
       emit("{\"t\":" + fixed(s.t, 1) + ",\"rss_kb\":" + std::to_string(s.rss_kb) +
+           ",\"rss_anon_kb\":" + std::to_string(s.rss_anon_kb) + ",\"rss_file_kb\":" +
+           std::to_string(s.rss_file_kb) + ",\"heap_kb\":" + std::to_string(s.heap_kb) +
+           ",\"heap_free_kb\":" + std::to_string(s.heap_free_kb) +
            ",\"fds\":" + std::to_string(s.fds) + ",\"threads\":" + std::to_string(s.threads) +
            ",\"connected\":" + (s.connected ? "true" : "false") + ",\"clips\":" +
            std::to_string(clips_submitted) + ",\"clips_final\":" + std::to_string(k.finals) +
@@ -470,6 +546,7 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(std::chrono::seconds(2));
   ProcSample end_sample = take_sample();
   if (!have_start) start_sample = end_sample;
+  if (!have_mid) mid_sample = end_sample;
 
   const double disconnect_started = elapsed_s();
   const bool disconnected = zel::Upload::disconnect();
@@ -482,18 +559,20 @@ int main(int argc, char** argv) {
   std::string stuck = "[";
   int non_final = 0, after_final = 0;
   {
-    std::lock_guard<std::mutex> lock(g_clips_mu);
-    for (auto& kv : g_clips) {
-      const Clip& c = *kv.second;
-      after_final += c.after_final;
-      if (is_final(c.state)) {
-        finals[c.state] += 1;
-        if (c.state != zel::CLIP_CONFIRMED) failed_messages[c.message.substr(0, 160)] += 1;
-      } else {
-        if (non_final++ > 0) stuck += ",";
-        stuck += "{\"clip\":" + std::to_string(c.n) + ",\"state\":" + std::to_string(c.state) +
-                 ",\"msg\":" + json_string(c.message.substr(0, 160)) + "}";
+    std::lock_guard<std::mutex> lock(g_book.mu);
+    failed_messages = g_book.failed_messages;
+    after_final = g_book.after_final;
+    for (size_t n = 1; n < g_book.last.size(); ++n) {
+      const int state = g_book.last[n];
+      if (is_final(state)) {
+        finals[state] += 1;
+        continue;
       }
+      if (non_final++ > 0) stuck += ",";
+      auto msg = g_book.open_messages.find(static_cast<int>(n));
+      stuck += "{\"clip\":" + std::to_string(n) + ",\"state\":" + std::to_string(state) +
+               ",\"msg\":" + json_string(msg != g_book.open_messages.end() ? msg->second : "") +
+               "}";
     }
   }
   stuck += "]";
@@ -513,13 +592,13 @@ int main(int argc, char** argv) {
        std::to_string(clips_submitted) + ",\"final_states\":" + finals_json +
        ",\"failed_messages\":" + messages_json + ",\"non_final\":" + std::to_string(non_final) +
        ",\"non_final_clips\":" + stuck + ",\"states_after_final\":" + std::to_string(after_final) +
-       ",\"events_submitted\":{\"motion\":" + std::to_string(motion_sent) +
-       ",\"access\":" + std::to_string(access_sent) + "},\"connects\":" + std::to_string(connects.load()) +
+       ",\"events_submitted\":{\"motion\":" + std::to_string(motion_sent) + ",\"access\":" +
+       std::to_string(access_sent) + "},\"connects\":" + std::to_string(connects.load()) +
        ",\"disconnects\":" + std::to_string(disconnects.load()) +
        ",\"cloud_status_callbacks\":" + std::to_string(statuses.load()) +
-       ",\"start\":" + start_sample.json() + ",\"end\":" + end_sample.json() +
-       ",\"before_connect\":" + before_connect.json() + ",\"after_disconnect\":" + after_disconnect.json() +
-       ",\"disconnect_ok\":" + (disconnected ? "true" : "false") +
-       ",\"disconnect_s\":" + fixed(disconnect_s, 2) + "}");
+       ",\"start\":" + start_sample.json() + ",\"mid\":" + mid_sample.json() +
+       ",\"end\":" + end_sample.json() + ",\"before_connect\":" + before_connect.json() +
+       ",\"after_disconnect\":" + after_disconnect.json() + ",\"disconnect_ok\":" +
+       (disconnected ? "true" : "false") + ",\"disconnect_s\":" + fixed(disconnect_s, 2) + "}");
   return disconnected && non_final == 0 ? 0 : 1;
 }

@@ -13,8 +13,9 @@
 # corpus, so tests/fuzz/corpus is never written. Every target runs with -timeout=1
 # -rss_limit_mb=2048; a crash, leak, time-out, memory blow-up, sanitizer report or broken
 # invariant fails the script (exit 1), after copying the input that caused it to
-# build/fuzz/findings/<target>/. Reproduce one with:
-#   build/fuzz/tests/fuzz/<target> build/fuzz/findings/<target>/<file>
+# build/fuzz/findings/<target>/. Reproduce one with (the unwind option gives full leak
+# stacks through the uninstrumented JSON library):
+#   ASAN_OPTIONS=fast_unwind_on_malloc=0 build/fuzz/tests/fuzz/<target> build/fuzz/findings/<target>/<file>
 # A finding that is fixed becomes a regression: copy it to tests/fuzz/corpus/<target>/
 # under a name starting with "regress-".
 set -euo pipefail
@@ -38,7 +39,7 @@ while [ $# -gt 0 ]; do
       shift
       ;;
     --keep) keep=1 ;;
-    -h|--help) sed -n '2,21p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 0 ;;
     *)
       if [[ "$1" =~ ^[0-9]+$ ]]; then seconds=$1; else
         echo "fuzz: unknown argument '$1' (see --help)" >&2
@@ -78,6 +79,15 @@ cmake --build "$build" -j"$jobs" --target fuzzers
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:symbolize=1:${ASAN_OPTIONS:-}"
 export UBSAN_OPTIONS="halt_on_error=1:abort_on_error=1:print_stacktrace=1:${UBSAN_OPTIONS:-}"
 unset ZEL_DEBUG  # the library's log stays silent; a finding shows in libFuzzer's output
+# Readable stacks need llvm-symbolizer; clang's own copy will do when none is on PATH.
+if [ -z "${ASAN_SYMBOLIZER_PATH:-}" ] && ! command -v llvm-symbolizer >/dev/null 2>&1; then
+  llvm_bin=$(dirname "$(readlink -f "$(command -v clang)")")
+  if [ -x "$llvm_bin/llvm-symbolizer" ]; then
+    export ASAN_SYMBOLIZER_PATH="$llvm_bin/llvm-symbolizer"
+  else
+    echo "fuzz: no llvm-symbolizer: stacks in reports will show addresses only" >&2
+  fi
+fi
 
 work=$(mktemp -d /tmp/zel-fuzz-run.XXXXXX)
 cleanup() {
@@ -87,16 +97,18 @@ trap cleanup EXIT
 
 failed=()
 for t in "${targets[@]}"; do
-  mkdir -p "$work/$t/artifacts"
+  mkdir -p "$work/$t/artifacts" "$work/$t/tmp"
   cp -R "$root/tests/fuzz/corpus/$t" "$work/$t/corpus"
+  extra=()
+  [ -f "$root/tests/fuzz/zel.dict" ] && extra=(-dict="$root/tests/fuzz/zel.dict")
   limit=(-max_total_time="$seconds")
   [ -n "$runs" ] && limit=(-runs="$runs")
   echo "== $t (${runs:+$runs runs}${runs:-$seconds s})"
   set +e
   # -close_fd_mask=1: the library prints parse warnings on standard output; libFuzzer
   # and the sanitizers report on standard error.
-  "$build/tests/fuzz/$t" "$work/$t/corpus" "${limit[@]}" -timeout=1 -rss_limit_mb=2048 \
-    -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$work/$t/artifacts/" \
+  ZEL_FUZZ_TMP="$work/$t/tmp" "$build/tests/fuzz/$t" "$work/$t/corpus" "${limit[@]}" -timeout=1 -rss_limit_mb=2048 \
+    "${extra[@]}" -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$work/$t/artifacts/" \
     >"$work/$t/log" 2>&1
   rc=$?
   set -e

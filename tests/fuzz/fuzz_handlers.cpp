@@ -19,6 +19,7 @@
 #include "foundation/json_ptr.h"
 #include "fuzz_support.h"
 #include "handlers/zel_handler.h"
+#include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "zel/json.h"
 
@@ -231,5 +232,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   FUZZ_CHECK(!host().threw, "a host callback threw but '%s' returned", subject.c_str());
   check(m, subject, contents, r);
+  // Without a connection nothing may pile up for later.
+  FUZZ_CHECK(zel::WebSocketClient::instance().outbound_size() == 0, "outbound set grew");
   return 0;
 }

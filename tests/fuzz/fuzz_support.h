@@ -45,14 +45,21 @@ inline void remove_tree(const std::string& dir) {
   ::rmdir(dir.c_str());
 }
 
-// One folder per process, under /tmp, gone at exit: the handlers that write files
-// (certificate and key, the JSON helpers) write only there.
+// One folder per process, under /tmp, gone at a normal exit: the handlers that write
+// files (certificate and key, the JSON helpers) write only there. A crash skips the
+// clean-up, so tools/fuzz.sh sets ZEL_FUZZ_TMP to a folder of its own run (only paths
+// under /tmp/ are taken) and removes that.
 inline const std::string& scratch_dir() {
   static std::string dir;
   static std::once_flag once;
   std::call_once(once, [] {
-    char tmpl[] = "/tmp/zel-fuzz-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
+    std::string base = "/tmp";
+    const char* requested = std::getenv("ZEL_FUZZ_TMP");
+    if (requested != nullptr && std::strncmp(requested, "/tmp/", 5) == 0 &&
+        std::strstr(requested, "..") == nullptr)
+      base = requested;
+    std::string tmpl = base + "/zel-fuzz-XXXXXX";
+    if (mkdtemp(&tmpl[0]) == nullptr) {
       std::perror("mkdtemp");
       std::abort();
     }
