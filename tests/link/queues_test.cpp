@@ -148,6 +148,20 @@ TEST(OutboundQueue, FramesUpToOneMebibyteGoOutLargerOnesAreDropped) {
   EXPECT_EQ(server.events().back().conn, 1);
 }
 
+TEST(InboundQueue, AOneMebibyteRequestDoesNotHoldUpTheNextForSeconds) {
+  CloudServer server;
+  DeviceSession device(server);
+  ASSERT_TRUE(wait_sent(server, "version", 0));
+  std::string big = "{\"id\":\"big\",\"from\":\"c\",\"subject\":\"status\",\"content\":\"" +
+                    std::string(1000000, 'b') + "\"}";
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(server.send_text(big));
+  server.request("details", "", "after-big");
+  ASSERT_TRUE(server.wait_for_reply("big", 5s));
+  ASSERT_TRUE(server.wait_for_reply("after-big", 5s));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+}
+
 TEST(OutboundQueue, HostThreadsSendWhileTheWorkerServicesTheLink) {
   CloudServer server;
   DeviceSession device(server);
