@@ -102,8 +102,9 @@ for t in "${targets[@]}"; do
   extra=()
   [ -f "$root/tests/fuzz/zel.dict" ] && extra=(-dict="$root/tests/fuzz/zel.dict")
   limit=(-max_total_time="$seconds")
-  [ -n "$runs" ] && limit=(-runs="$runs")
-  echo "== $t (${runs:+$runs runs}${runs:-$seconds s})"
+  what="$seconds s"
+  if [ -n "$runs" ]; then limit=(-runs="$runs"); what="$runs runs"; fi
+  echo "== $t ($what)"
   set +e
   # -close_fd_mask=1: the library prints parse warnings on standard output; libFuzzer
   # and the sanitizers report on standard error.

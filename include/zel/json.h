@@ -30,7 +30,8 @@ ZEL_EXPORT std::string readFileStrict(const std::string& path);
 ZEL_EXPORT cJSON* getJSON(const std::string& path);
 // Writes the compact text of `json` to `path`; silent either way.
 ZEL_EXPORT void writeJSON(const std::string& path, cJSON* json);
-// Sets or appends a top-level boolean in a JSON file; false when it is not JSON.
+// Sets or appends a top-level boolean in a JSON file; false (file untouched) unless it
+// holds a JSON object.
 ZEL_EXPORT bool JSONSetBool(const std::string& path, const std::string& key, bool value);
 
 }  // namespace zel
