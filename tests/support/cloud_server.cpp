@@ -311,15 +311,14 @@ bool CloudServer::wait_for(const std::function<bool(const std::vector<Event>&)>&
   return cv_.wait_for(lock, timeout, [&] { return pred(events_); });
 }
 
-std::optional<std::string> CloudServer::wait_for_subject(const std::string& subject,
-                                                         std::chrono::milliseconds timeout,
-                                                         size_t nth) {
+std::optional<std::string> CloudServer::wait_for_message(
+    const std::function<bool(const Event&)>& match, size_t nth, std::chrono::milliseconds timeout) {
   std::optional<std::string> found;
   wait_for(
       [&](const std::vector<Event>& events) {
         size_t seen = 0;
         for (const Event& e : events) {
-          if (e.kind != "message" || e.subject != subject) continue;
+          if (e.kind != "message" || !match(e)) continue;
           if (seen++ == nth) {
             found = e.text;
             return true;
@@ -331,24 +330,17 @@ std::optional<std::string> CloudServer::wait_for_subject(const std::string& subj
   return found;
 }
 
+std::optional<std::string> CloudServer::wait_for_subject(const std::string& subject,
+                                                         std::chrono::milliseconds timeout,
+                                                         size_t nth) {
+  return wait_for_message([&](const Event& e) { return e.subject == subject; }, nth, timeout);
+}
+
 std::optional<std::string> CloudServer::wait_for_reply(const std::string& original_id,
                                                        std::chrono::milliseconds timeout,
                                                        size_t nth) {
-  std::optional<std::string> found;
-  wait_for(
-      [&](const std::vector<Event>& events) {
-        size_t seen = 0;
-        for (const Event& e : events) {
-          if (e.kind != "message" || e.original_id != original_id) continue;
-          if (seen++ == nth) {
-            found = e.text;
-            return true;
-          }
-        }
-        return false;
-      },
-      timeout);
-  return found;
+  return wait_for_message([&](const Event& e) { return e.original_id == original_id; }, nth,
+                          timeout);
 }
 
 int CloudServer::count_subject(const std::string& subject) const {

@@ -63,6 +63,9 @@ class CloudServer {
 
   bool wait_for(const std::function<bool(const std::vector<Event>&)>& pred,
                 std::chrono::milliseconds timeout);
+  // Raw text of the nth (0-based) received message that `match` accepts.
+  std::optional<std::string> wait_for_message(const std::function<bool(const Event&)>& match,
+                                              size_t nth, std::chrono::milliseconds timeout);
   // Raw text of the nth (0-based) received message whose "subject" equals subject.
   std::optional<std::string> wait_for_subject(const std::string& subject,
                                               std::chrono::milliseconds timeout,

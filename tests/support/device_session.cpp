@@ -21,21 +21,9 @@ zel::CloudConnect connect_params(const CloudServer& server) {
 
 std::optional<std::string> wait_sent(CloudServer& server, const std::string& subject, size_t nth,
                                      std::chrono::milliseconds timeout) {
-  std::optional<std::string> found;
-  server.wait_for(
-      [&](const std::vector<CloudServer::Event>& events) {
-        size_t seen = 0;
-        for (const auto& e : events) {
-          if (e.kind != "message" || e.subject != subject || !e.original_id.empty()) continue;
-          if (seen++ == nth) {
-            found = e.text;
-            return true;
-          }
-        }
-        return false;
-      },
-      timeout);
-  return found;
+  return server.wait_for_message(
+      [&](const CloudServer::Event& e) { return e.subject == subject && e.original_id.empty(); },
+      nth, timeout);
 }
 
 size_t count_sent(CloudServer& server, const std::string& subject) {
