@@ -76,6 +76,21 @@ class Pipeline : public ::testing::Test {
   }
 };
 
+bool is_archive(const std::string& text) {
+  return text.find("\"model\":\"archive\"") != std::string::npos;
+}
+
+// Waits until the server has received exactly n record-end transactions.
+bool wait_for_archives(CloudServer& server, size_t n, std::chrono::milliseconds timeout) {
+  return server.wait_for(
+      [n](const std::vector<CloudServer::Event>& events) {
+        size_t seen = 0;
+        for (const auto& e : events) seen += e.kind == "message" && is_archive(e.text);
+        return seen == n;
+      },
+      timeout);
+}
+
 std::string now_free(const std::string& text) {
   static const std::regex iso("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}Z");
   return std::regex_replace(text, iso, "<t>");
@@ -110,7 +125,7 @@ TEST_F(Pipeline, OneClipRunsFromIntakeToConfirmation) {
   for (size_t i = 0; !archive; ++i) {
     auto t = wait_sent(server, "transaction", i);
     ASSERT_TRUE(t);
-    if (t->find("\"model\":\"archive\"") != std::string::npos) archive = t;
+    if (is_archive(*t)) archive = t;
   }
   EXPECT_EQ(now_free(zel_test::json_member(*archive, "content")),
             "{\"topic\":\"transaction\",\"model\":\"archive\",\"method\":\"changed\",\"nvrMac\":\"" + kNvr +
@@ -217,13 +232,7 @@ TEST_F(Pipeline, LateCredentialsAndConfirmationsTimeOut) {
   zel::Upload::upload_clip(c);
   ASSERT_TRUE(unacked.wait_for_state(zel::CLIP_UPLOADED, 30s)) << unacked.message_of(7);
   // The clock may move only once the record-end message has left (it stamps the wait).
-  ASSERT_TRUE(server.wait_for(
-      [](const std::vector<CloudServer::Event>& events) {
-        for (const auto& e : events)
-          if (e.kind == "message" && e.text.find("\"model\":\"archive\"") != std::string::npos) return true;
-        return false;
-      },
-      5s));
+  ASSERT_TRUE(wait_for_archives(server, 1, 5s));
   zel::advance_clock(11);
   ASSERT_TRUE(unacked.wait_for_state(zel::CLIP_FAILED, 5s));
   EXPECT_EQ(unacked.message_of(7), "Upload confirmation took more than 10 seconds");
@@ -234,17 +243,11 @@ TEST_F(Pipeline, LateCredentialsAndConfirmationsTimeOut) {
   ClipRecorder again;
   c.callback = again.callback();
   size_t archives_before = 0;
-  for (const auto& m : server.messages()) archives_before += m.find("\"model\":\"archive\"") != std::string::npos;
+  for (const auto& m : server.messages()) archives_before += is_archive(m);
   zel::Upload::upload_clip(c);
   EXPECT_THAT(again.states(), ElementsAre(5));
   EXPECT_EQ(again.message_of(5), "Re-sending upload confirmation");
-  ASSERT_TRUE(server.wait_for(
-      [&](const std::vector<CloudServer::Event>& events) {
-        size_t n = 0;
-        for (const auto& e : events) n += e.kind == "message" && e.text.find("\"model\":\"archive\"") != std::string::npos;
-        return n == archives_before + 1;
-      },
-      5s));
+  ASSERT_TRUE(wait_for_archives(server, archives_before + 1, 5s));
   server.request("transactionAck",
                  "{\"type\":\"archive\",\"from\":\"0a1b2c3d4e5f\",\"start_at\":\"" +
                      zel::toISOTime(kStart + 9000) + "\"}");
@@ -276,14 +279,7 @@ TEST_F(Pipeline, CallbacksThatThrowOrAreMissingDoNotStrandTheClip) {
   silent.callback = nullptr;
   zel::Upload::upload_clip(silent);
   std::string blob_path = kNvr + "/0a1b2c3d4e5f/2021-03-01/" + std::to_string(kStart + 11000) + ".mp4";
-  ASSERT_TRUE(server.wait_for(
-      [](const std::vector<CloudServer::Event>& events) {
-        size_t n = 0;
-        for (const auto& e : events)
-          n += e.kind == "message" && e.text.find("\"model\":\"archive\"") != std::string::npos;
-        return n == 2;
-      },
-      30s));
+  ASSERT_TRUE(wait_for_archives(server, 2, 30s));
   EXPECT_EQ(upload_test::emulator().az.get_blob(blob_path).size(), 1504u);
 }
 
