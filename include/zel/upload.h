@@ -4,6 +4,7 @@
 // set_upload_threads from an upload's progress function; everything else works.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <string>
@@ -60,6 +61,22 @@ class ZEL_EXPORT Upload {
   // returns at once (removed threads finish their uploads in the background). The number
   // holds across reconnections. Ignored while disconnected and from a progress function.
   static void set_upload_threads(unsigned n);
+
+  // Operating it in the field.
+  // A snapshot of the link, the queues and the clips; any thread, never waits for the
+  // worker's pass and never touches the network.
+  static CloudStats stats();
+  // Sends every log line of the library (without its newline) to the host instead of
+  // standard error; with ZEL_DEBUG also libwebsockets' own lines and libcurl's verbose
+  // output (as notices). Calls are one at a time, from any library thread; the callback
+  // must not call into the library other than stats(). nullptr goes back to standard error.
+  static void register_log(std::function<void(int level, const std::string& line)> cb);
+  // Which levels reach that callback: a mask of error 1, warning 2, notice 4 (default 7).
+  static void set_log_levels(int levels);
+  // Caps what all uploads send together, in bytes per second (0, the default: no cap).
+  // Any time; running uploads follow within a second. A capped upload that runs past its
+  // time-out fails like any slow upload.
+  static void set_upload_rate_limit(uint64_t bytes_per_second);
 };
 
 }  // namespace zel

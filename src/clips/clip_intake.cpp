@@ -37,6 +37,7 @@ std::string confirmation_key(const std::string& camera_mac, int64_t start_time) 
 // A host callback that is missing or throws must not lose the clip nor report it twice:
 // the stage carries on as if the call had returned.
 void Messaging::report_clip(const ClipInfo& clip, int state, const std::string& message) {
+  count_clip_state(state);
   if (!clip.callback) return;
   CallbackScope scope;
   try {

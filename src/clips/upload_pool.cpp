@@ -75,6 +75,7 @@ std::vector<ClipReport> Messaging::apply_upload_statuses(const std::vector<Uploa
     if (it == pending_clips.end()) continue;  // ended already, e.g. by expiry
     PendingClip& entry = it->second;
     entry.state = status.state;
+    count_upload_status(status);
     reports.push_back({entry.clip, status.state, status.message});
 
     if (status.state == CLIP_UPLOADED) {

@@ -48,6 +48,11 @@ std::string WebSocketClient::get_inbound_message() {
   return text;
 }
 
+size_t WebSocketClient::inbound_size() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return inbound.size();
+}
+
 void WebSocketClient::soft_disconnect() {
   std::lock_guard<std::mutex> lock(mutex);
   outbound.insert(OutboundType{std::string(), 0});

@@ -44,6 +44,7 @@ class WebSocketClient {
   bool outbound_remove_message(OutboundType& m);
   bool inbound_message_ready();
   std::string get_inbound_message();
+  size_t inbound_size();
   void soft_disconnect();
   std::future<void> full_disconnect();
 

@@ -79,6 +79,8 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
     apply_identity(cc);
     cameras = camera_list;
+    std::lock_guard<std::mutex> stats_lock(stats_mutex);
+    published_stats = CloudStats();
     on_connect_cb = std::move(on_connect_fn);
     on_disconnect_cb = std::move(on_disconnect_fn);
   }
@@ -127,6 +129,8 @@ bool Messaging::disconnect() {
     worker_thread.reset();
     last_reports = stop_upload_pool();
     WebSocketClient::instance().clear_context();
+    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    publish_stats();
   }
   // With no library lock held: a callback may call back in, even connect again.
   for (const ClipReport& r : last_reports) report_clip(r.clip, r.state, r.message);
@@ -158,7 +162,11 @@ void Messaging::worker() {
       zel_log(LOG_NOTICE, "service_socket failed, waiting to retry\n");
       std::this_thread::sleep_for(kRetrySleep);
     }
-    if (!link.is_connected()) continue;
+    if (!link.is_connected()) {
+      std::lock_guard<std::recursive_mutex> lock(work_mutex);
+      run_stage("publish_stats", [this] { publish_stats(); });
+      continue;
+    }
     if (ratelimit(&ping_stamp, kPingPeriod)) run_stage("ping", [this] { ping(); });
 
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
@@ -168,16 +176,28 @@ void Messaging::worker() {
     run_stage("process_inbound", [this] { process_inbound(); });
     run_stage("manage_upload_threads", [this] { manage_upload_threads(); });
     run_stage("expire_clip", [this] { expire_clip(); });
+    run_stage("publish_stats", [this] { publish_stats(); });
   }
 }
 
 void Messaging::on_connect() {
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats.link_up = true;
+    ++published_stats.connections;
+    published_stats.last_connected_at = time_now();
+  }
   send_version_to_cloud();
   for (const std::string& id : cameras) send_camera_to_cloud(id);
   if (on_connect_cb) on_connect_cb();
 }
 
 void Messaging::on_disconnect() {
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats.link_up = false;
+    published_stats.last_disconnected_at = time_now();
+  }
   if (on_disconnect_cb) on_disconnect_cb();
 }
 

@@ -55,6 +55,12 @@ class Messaging {
   void cloud_status(CloudStatus s);
   void set_upload_threads(unsigned n);
 
+  // Statistics (messaging/). stats() never waits for the worker's pass.
+  CloudStats stats();
+  void publish_stats();  // worker, with work_mutex held
+  void count_clip_state(int state);
+  void count_upload_status(const UploadStatus& status);
+
   // Inbound processing and keep-alive (messaging/).
   void process_inbound();
   void ping();
@@ -159,6 +165,9 @@ class Messaging {
   std::deque<EventInfo> event_queue;
   std::deque<AccessEventInfo> access_event_queue;
   std::recursive_mutex work_mutex;
+  // Guards published_stats alone: held for a copy or a count, never while calling out.
+  std::mutex stats_mutex;
+  CloudStats published_stats;
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;

@@ -12,6 +12,8 @@
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "upload/curl_trace.h"
+#include "upload/rate_limiter.h"
 #include "upload/streaming_crypto.h"
 #include "upload/upload_status.h"
 
@@ -30,6 +32,7 @@ constexpr int64_t kStallSeconds = 60;
 // through libcurl).
 struct Transfer {
   UploadData* d = nullptr;
+  StreamingCrypto* crypto = nullptr;
   int64_t last_sent = -1;
   int64_t last_sent_at = 0;
   std::string abort_reason;
@@ -80,13 +83,22 @@ void Uploader::init_handle() {
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   if (std::getenv("ZEL_DEBUG") != nullptr) {
     curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &curl_trace);
   }
 }
 
-size_t Uploader::read_callback(char* buffer, size_t size, size_t nitems, void* crypto) {
-  auto* c = static_cast<StreamingCrypto*>(crypto);
-  size_t n = c->stream_to(buffer, size * nitems);
-  return c->is_good() ? n : CURL_READFUNC_ABORT;
+size_t Uploader::read_callback(char* buffer, size_t size, size_t nitems, void* transfer) {
+  auto* t = static_cast<Transfer*>(transfer);
+  size_t allowed;
+  // Under a cap, wait here for this thread's share; the pool's stop still ends it.
+  while ((allowed = upload_rate_limiter().take(size * nitems)) == 0) {
+    if (t->d->cancelled != nullptr && *t->d->cancelled) {
+      t->abort_reason = kUploadInterrupted;
+      return CURL_READFUNC_ABORT;
+    }
+  }
+  size_t n = t->crypto->stream_to(buffer, allowed);
+  return t->crypto->is_good() ? n : CURL_READFUNC_ABORT;
 }
 
 int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off_t ultotal,
@@ -230,12 +242,13 @@ UploadResult Uploader::upload(UploadData& d) {
 
   Transfer transfer;
   transfer.d = &d;
+  transfer.crypto = &crypto;
   transfer.last_sent_at = time_now();
   response_body.clear();
   error_code_header.clear();
 
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(handle, CURLOPT_READDATA, &crypto);
+  curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Uploader::read_callback);
   curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, size);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(d.timeout_s > 0 ? d.timeout_s : 0));
@@ -272,8 +285,9 @@ UploadResult Uploader::upload(UploadData& d) {
 #pragma GCC diagnostic pop
     curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME, &total_s);
     std::ostringstream message;
+    // Without the query: it is the shared-access signature, a secret.
     message << "Uploaded: " << d.path << "\n"
-            << "To: " << url << "\n"
+            << "To: " << without_query(url) << "\n"
             << "Speed: " << speed * 0.0009765625 << " kbytes/sec during " << total_s
             << " seconds";
     return {true, static_cast<uint64_t>(size), message.str()};
