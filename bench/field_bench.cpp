@@ -136,7 +136,7 @@ void bench_cap(const std::string& dir) {
   make_file(clip, kClip);
   const std::string encrypted = dir + "/clip64.enc";
   std::system(("openssl enc -aes-192-cbc -md md5 -nosalt -pass pass:SECRET -in '" + clip +
-               "' -out '" + encrypted + "'").c_str());
+               "' -out '" + encrypted + "' 2>/dev/null").c_str());
   const std::string sas = az.account_sas();
 
   double curl_s = curl_seconds(az, encrypted, 1700000000);
