@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
   python3-websockets openssl ca-certificates
+  # the local cloud's browser console, its real test clip and the browser that tests it
+  python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
 )
 
 missing=()
