@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """The local cloud on its own, for a person: messaging server (interactive) and blob storage.
 
-    /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000]
+    /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
 ("details", "status", "actions", "action", "update", "issueCertificate", ...; "help").
-Storage requests and record-end transactions are answered automatically.
+Storage requests and record-end transactions are answered automatically. With --web the
+messaging server runs in this process and a browser console (web_console.py) watches it.
 """
 
 import argparse
@@ -68,7 +69,7 @@ def run_with_console(args, certs, flags, storage):
         interactive=True, set=json.dumps(flags))
     code = 0
     try:
-        asyncio.run(web_console.serve(cloud_args, storage, args.state, args.web))
+        asyncio.run(web_console.serve(cloud_args, storage, os.path.join(args.state, "web"), args.web))
     except KeyboardInterrupt:
         pass
     except Exception as exc:  # ports in use, bad certificates

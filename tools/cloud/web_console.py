@@ -23,6 +23,8 @@ import os
 import shutil
 import ssl
 import subprocess
+import tempfile
+import types
 import urllib.parse
 import urllib.request
 
@@ -76,11 +78,16 @@ class WatchedCloud(messaging_server.Cloud):
             print("web console: %r" % exc, flush=True)
 
 
+def blob_endpoint(port, ca):
+    """Where the console fetches blobs from when no BlobStorage object is at hand."""
+    return types.SimpleNamespace(port=port, ca=ca) if port else None
+
+
 class Console:
-    def __init__(self, storage, state_dir):
+    def __init__(self, storage, cache_dir=None):
         self.cloud = None
-        self.storage = storage
-        self.cache = os.path.join(state_dir, "web")
+        self.storage = storage  # anything with .port and .ca (BlobStorage), or None
+        self.cache = cache_dir or tempfile.mkdtemp(prefix="zel-console-")
         self.feeds = set()
         self.envelopes = []
         self.counter = 0
@@ -361,15 +368,19 @@ async def loopback_only(request, handler):
     return await handler(request)
 
 
-async def serve(cloud_args, storage, state_dir, port):
+async def serve(cloud_args, storage, cache_dir, port):
     """Runs the messaging server with the console beside it until the server stops."""
-    console = Console(storage, state_dir)
+    console = Console(storage, cache_dir)
     cloud = WatchedCloud(cloud_args, console)
     runner = web.AppRunner(console.app(), access_log=None)
     await runner.setup()
     site = web.TCPSite(runner, "127.0.0.1", port)
     await site.start()
-    print("web console on http://127.0.0.1:%d/" % runner.addresses[0][1], flush=True)
+    port = runner.addresses[0][1]
+    if cloud.interactive:
+        print("web console on http://127.0.0.1:%d/" % port, flush=True)
+    else:
+        cloud.emit({"event": "web", "port": port})
     try:
         await cloud.main()
     finally:

@@ -162,7 +162,7 @@ function showClip(clip) {
     (clip.stored_at ? clock(clip.stored_at) + (clip.stored_bytes >= 0 ? " (" + clip.stored_bytes + " B)" : "") : "–");
   const acked = clip.ack_at ? "yes, " + timeOnly(clip.ack_at) + (clip.ack_reply ? " (" + clip.ack_reply + ")" : "") : "no";
   row.dataset.acknowledged = clip.ack_at ? "yes" : "no";
-  const actions = el("td");
+  const actions = el("td", {class: "actions"});
   if (clip.playable) {
     const play = el("button", {type: "button", class: "play", text: "Play"});
     play.addEventListener("click", () => playClip(clip));
@@ -170,7 +170,7 @@ function showClip(clip) {
   }
   row.replaceChildren(
     el("td", {text: clip.camera}),
-    el("td", {text: clock(clip.start_at) + " – " + clock(clip.end_at)}),
+    el("td", {text: clock(clip.start_at) + span(clip.start_at, clip.end_at)}),
     el("td", {text: size ? size + " B" : "–"}),
     el("td", {text: clip.blob || "–"}),
     el("td", {text: stored}),
@@ -178,6 +178,11 @@ function showClip(clip) {
               title: "from the credentials going out to the record-end transaction coming in"}),
     el("td", {class: "acknowledged", text: acked}),
     actions);
+}
+
+function span(from, to) {
+  const seconds = (Date.parse(to) - Date.parse(from)) / 1000;
+  return Number.isFinite(seconds) ? " (" + seconds + " s)" : "";
 }
 
 async function playClip(clip) {
