@@ -44,16 +44,15 @@ class MessagingServer:
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
         self.events = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
-        first = self.events.get(timeout=15)
-        if first.get("event") != "listening":
-            raise RuntimeError("messaging server did not start: %r" % first)
-        self.port = first["port"]
-        self.web_port = None
-        if "--web" in extra:
-            web = self.events.get(timeout=15)
-            if web.get("event") != "web":
-                raise RuntimeError("the browser console did not start: %r" % web)
-            self.web_port = web["port"]
+        self.port = self.web_port = None
+        while self.port is None or ("--web" in extra and self.web_port is None):
+            event = self.events.get(timeout=15)
+            if event.get("event") == "listening":
+                self.port = event["port"]
+            elif event.get("event") == "web":
+                self.web_port = event["port"]
+            else:
+                raise RuntimeError("messaging server did not start: %r" % event)
 
     def _read(self):
         for line in self.proc.stdout:

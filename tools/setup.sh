@@ -39,3 +39,7 @@ if [ -f "$here/cloud/package-lock.json" ]; then
     (cd "$here/cloud" && npm ci --no-audit --no-fund --loglevel=error)
   fi
 fi
+
+# The example recorder's clip: a few seconds of real video the browser console can play back,
+# made once.
+bash "$here/cloud/make_clip.sh" "$here/cloud/state/recording.mp4"

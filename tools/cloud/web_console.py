@@ -89,6 +89,7 @@ class Console:
         self.storage = storage  # anything with .port and .ca (BlobStorage), or None
         self.cache = cache_dir or tempfile.mkdtemp(prefix="zel-console-")
         self.feeds = set()
+        self.pages = set()  # their WebSockets, closed when the cloud stops
         self.envelopes = []
         self.counter = 0
         self.link = {"connected": False, "since": None, "mac": None, "version": None,
@@ -273,6 +274,7 @@ class Console:
         await ws.prepare(request)
         queue = asyncio.Queue()
         self.feeds.add(queue)
+        self.pages.add(ws)
         snapshot = {"type": "snapshot", "link": self.link, "envelopes": self.envelopes,
                     "clips": list(self.clips.values()), "subjects": self.cloud.SUBJECTS,
                     "storage": self.storage is not None}
@@ -282,6 +284,7 @@ class Console:
                 pass
         finally:
             self.feeds.discard(queue)
+            self.pages.discard(ws)
             pump.cancel()
         return ws
 
@@ -374,7 +377,8 @@ async def serve(cloud_args, storage, cache_dir, port):
     cloud = WatchedCloud(cloud_args, console)
     runner = web.AppRunner(console.app(), access_log=None)
     await runner.setup()
-    site = web.TCPSite(runner, "127.0.0.1", port)
+    # Open pages hold their feed for ever: do not wait for them when the cloud stops.
+    site = web.TCPSite(runner, "127.0.0.1", port, shutdown_timeout=1.0)
     await site.start()
     port = runner.addresses[0][1]
     if cloud.interactive:
@@ -384,4 +388,6 @@ async def serve(cloud_args, storage, cache_dir, port):
     try:
         await cloud.main()
     finally:
+        for ws in list(console.pages):
+            await ws.close(message=b"the local cloud stopped")
         await runner.cleanup()

@@ -159,8 +159,8 @@ function showClip(clip) {
   if (!row) { row = el("tr", {"data-key": clip.key}); body.prepend(row); }
   const size = clip.uploaded_bytes || clip.bytes;
   const stored = clip.stored_error ? "not found: " + clip.stored_error :
-    (clip.stored_at ? clock(clip.stored_at) + (clip.stored_bytes >= 0 ? " (" + clip.stored_bytes + " B)" : "") : "–");
-  const acked = clip.ack_at ? "yes, " + timeOnly(clip.ack_at) + (clip.ack_reply ? " (" + clip.ack_reply + ")" : "") : "no";
+    (clip.stored_at ? clip.stored_at.slice(11, 19) + (clip.stored_bytes >= 0 ? ", " + bytes(clip.stored_bytes) : "") : "–");
+  const acked = clip.ack_at ? "yes, " + clip.ack_at.slice(11, 19) + (clip.ack_reply ? " (" + clip.ack_reply + ")" : "") : "no";
   row.dataset.acknowledged = clip.ack_at ? "yes" : "no";
   const actions = el("td", {class: "actions"});
   if (clip.playable) {
@@ -170,14 +170,21 @@ function showClip(clip) {
   }
   row.replaceChildren(
     el("td", {text: clip.camera}),
-    el("td", {text: clock(clip.start_at) + span(clip.start_at, clip.end_at)}),
-    el("td", {text: size ? size + " B" : "–"}),
+    el("td", {text: (clip.start_at || "").slice(11, 19) + span(clip.start_at, clip.end_at),
+              title: clock(clip.start_at) + " to " + clock(clip.end_at)}),
+    el("td", {text: size ? bytes(size) : "–", title: size ? size + " bytes" : ""}),
     el("td", {text: clip.blob || "–"}),
     el("td", {text: stored}),
     el("td", {text: clip.took_s !== undefined ? clip.took_s.toFixed(2) + " s" : "–",
               title: "from the credentials going out to the record-end transaction coming in"}),
     el("td", {class: "acknowledged", text: acked}),
     actions);
+}
+
+function bytes(count) {
+  const n = Number(count);
+  if (n >= 1048576) return (n / 1048576).toFixed(1) + " MiB";
+  return n >= 1024 ? (n / 1024).toFixed(1) + " KiB" : n + " B";
 }
 
 function span(from, to) {
