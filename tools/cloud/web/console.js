@@ -156,7 +156,11 @@ function clipUrl(clip, what) {
 function showClip(clip) {
   const body = $("clips").tBodies[0];
   let row = [...body.rows].find((r) => r.dataset.key === clip.key);
-  if (!row) { row = el("tr", {"data-key": clip.key}); body.prepend(row); }
+  if (!row) {
+    row = el("tr", {class: "clip", "data-key": clip.key});
+    body.prepend(row, el("tr", {class: "clip-blob"}, el("td", {colSpan: 7})));
+  }
+  row.nextElementSibling.firstChild.textContent = "blob " + (clip.blob || "–");
   const size = clip.uploaded_bytes || clip.bytes;
   const stored = clip.stored_error ? "not found: " + clip.stored_error :
     (clip.stored_at ? clip.stored_at.slice(11, 19) + (clip.stored_bytes >= 0 ? ", " + bytes(clip.stored_bytes) : "") : "–");
@@ -173,7 +177,6 @@ function showClip(clip) {
     el("td", {text: (clip.start_at || "").slice(11, 19) + span(clip.start_at, clip.end_at),
               title: clock(clip.start_at) + " to " + clock(clip.end_at)}),
     el("td", {text: size ? bytes(size) : "–", title: size ? size + " bytes" : ""}),
-    el("td", {text: clip.blob || "–"}),
     el("td", {text: stored}),
     el("td", {text: clip.took_s !== undefined ? clip.took_s.toFixed(2) + " s" : "–",
               title: "from the credentials going out to the record-end transaction coming in"}),
