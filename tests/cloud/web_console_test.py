@@ -18,18 +18,22 @@ from selenium.webdriver.support.ui import WebDriverWait  # noqa: E402
 
 with ConsoleSession(sys.argv[1], sys.argv[2]) as session:
     driver = session.driver
-    find = driver.find_elements
 
-    def wait(until, timeout=30):
-        return WebDriverWait(driver, timeout, 0.2).until(lambda _: until())
+    def css(selector, within=None):
+        return (within or driver).find_elements(By.CSS_SELECTOR, selector)
+
+    def wait(what, until, timeout=30):
+        return WebDriverWait(driver, timeout, 0.2).until(lambda _: until(), "no " + what + " on the page")
 
     def exact_text(subject, direction):  # opens the first such row and reads its exact text
-        rows = wait(lambda: find(By.CSS_SELECTOR, 'tr.envelope[data-subject="%s"][data-dir="%s"]' % (subject, direction)))
+        selector = 'tr.envelope[data-subject="%s"][data-dir="%s"]' % (subject, direction)
+        rows = wait(subject + " envelope", lambda: css(selector))
         rows[-1].click()
-        return rows[-1].find_element(By.XPATH, "following-sibling::tr[1]//pre[@class='raw']").get_property("textContent")
+        raw = rows[-1].find_element(By.XPATH, "following-sibling::tr[1]//pre[@class='raw']")
+        return raw.get_property("textContent")
 
     driver.get(session.page)
-    wait(lambda: driver.find_element(By.ID, "link-state").text == "connected")
+    wait("connected link", lambda: driver.find_element(By.ID, "link-state").text == "connected")
     # The library's own bytes, key order and all: a re-printed text would not match.
     version = exact_text("version", "in")
     assert re.fullmatch(r'\{"id":"001122334455\d+","from":"001122334455","to":"[^"]+","subject":"version",'
@@ -38,12 +42,12 @@ with ConsoleSession(sys.argv[1], sys.argv[2]) as session:
     # A request from its form, and the reply under it; invalid JSON is refused on the page.
     form = driver.find_element(By.CSS_SELECTOR, 'details[data-subject="details"]')
     form.find_element(By.TAG_NAME, "summary").click()
-    wait(lambda: form.find_element(By.TAG_NAME, "textarea").get_property("value").strip())
-    form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
-    reply = wait(lambda: [e.text for e in form.find_elements(By.CSS_SELECTOR, "pre.reply") if "reply at" in e.text])
+    wait("sample content", lambda: form.find_element(By.TAG_NAME, "textarea").get_property("value").strip())
+    css("button[type=submit]", form)[0].click()
+    reply = wait("details reply", lambda: [e.text for e in css("pre.reply", form) if "reply at" in e.text])
     assert json.loads(reply[0].split("\n", 1)[1])["content"]["status"] == "OK", reply
     form.find_element(By.TAG_NAME, "textarea").send_keys("{not json")
-    form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
+    css("button[type=submit]", form)[0].click()
     assert "not valid JSON" in form.find_element(By.CLASS_NAME, "form-error").text
 
     # Text that looks like markup stays text, blanks and all, and nothing in it runs.
@@ -54,10 +58,10 @@ with ConsoleSession(sys.argv[1], sys.argv[2]) as session:
     assert driver.title == "Local cloud console"
 
     # Once acknowledged, the clip decrypted by the cloud plays.
-    wait(lambda: find(By.CSS_SELECTOR, "#clips tr[data-acknowledged=yes] button.play"), 90)[0].click()
+    wait("acknowledged clip", lambda: css("#clips tr[data-acknowledged=yes] button.play"), 90)[0].click()
     video = driver.find_element(By.ID, "player-video")
-    started = wait(lambda: video.get_property("duration") and video.get_property("currentTime"))
-    wait(lambda: video.get_property("currentTime") > started + 0.5)
+    started = wait("playing video", lambda: video.get_property("duration") and video.get_property("currentTime"))
+    wait("advancing video", lambda: video.get_property("currentTime") > started + 0.5)
     assert 3 < video.get_property("duration") < 5, video.get_property("duration")
     print("ok: link, exact texts, request reply, escaping and playback in Chromium",
           driver.capabilities["browserVersion"])
