@@ -205,7 +205,7 @@ class Console:
             took = (datetime.datetime.fromisoformat(clip["uploaded_at"].replace("Z", "+00:00")) -
                     datetime.datetime.fromisoformat(clip["credentials_at"].replace("Z", "+00:00")))
             clip["took_s"] = round(took.total_seconds(), 3)
-        clip["playable"] = bool(clip.get("uploaded_at") and clip["key"] in self.credentials)
+        clip["playable"] = bool(self.storage and clip.get("uploaded_at") and clip["key"] in self.credentials)
         self.broadcast({"type": "clip", "clip": clip})
 
     # ------------------------------------------------------------ blob storage
@@ -229,6 +229,7 @@ class Console:
                 modified = email.utils.parsedate_to_datetime(reply.headers["Last-Modified"])
                 clip["stored_at"] = modified.strftime("%Y-%m-%dT%H:%M:%SZ")
                 clip["stored_bytes"] = int(reply.headers.get("Content-Length", "-1"))
+                clip.pop("stored_error", None)
         except Exception as exc:  # shown on the clip's row
             clip["stored_error"] = str(exc)
         self.changed(clip)
@@ -255,7 +256,7 @@ class Console:
 
     async def clear_clip(self, request):
         key = "%s/%s" % (request.match_info["camera"], request.match_info["start"])
-        if key not in self.clips or not self.clips[key].get("playable") or self.storage is None:
+        if key not in self.clips or not self.clips[key].get("playable"):
             raise web.HTTPNotFound(text="No uploaded clip %s with credentials from this cloud" % key)
         lock = self.locks.setdefault(key, asyncio.Lock())
         async with lock:

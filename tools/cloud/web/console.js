@@ -174,7 +174,8 @@ function showClip(clip) {
   }
   row.replaceChildren(
     el("td", {text: clip.camera}),
-    el("td", {text: (clip.start_at || "").slice(11, 19) + span(clip.start_at, clip.end_at),
+    el("td", {text: (clip.start_at || "").slice(11, 19) + " – " + (clip.end_at || "").slice(11, 19) +
+                    span(clip.start_at, clip.end_at),
               title: clock(clip.start_at) + " to " + clock(clip.end_at)}),
     el("td", {text: size ? bytes(size) : "–", title: size ? size + " bytes" : ""}),
     el("td", {text: stored}),
