@@ -37,7 +37,7 @@ class ConsoleSession:
     def __init__(self, host_binary, out, host_wait=90):
         self.out = os.path.abspath(out)
         os.makedirs(self.out, exist_ok=True)
-        self.state = tempfile.mkdtemp(prefix="zel-console-")
+        self.state = tempfile.mkdtemp(prefix="zel-console-test-")
         self.host = self.driver = None
         self.clip = os.path.join(self.out, "recording.mp4")
         subprocess.run(["bash", os.path.join(HERE, "make_clip.sh"), self.clip], check=True)

@@ -87,7 +87,11 @@ class Console:
     def __init__(self, storage, cache_dir=None):
         self.cloud = None
         self.storage = storage  # anything with .port and .ca (BlobStorage), or None
+        # Decrypted clips, fetched again after a restart: nothing here outlives the console.
+        self.temporary_cache = cache_dir is None
         self.cache = cache_dir or tempfile.mkdtemp(prefix="zel-console-")
+        if cache_dir:
+            shutil.rmtree(cache_dir, ignore_errors=True)
         self.feeds = set()
         self.pages = set()  # their WebSockets, closed when the cloud stops
         self.envelopes = []
@@ -392,3 +396,5 @@ async def serve(cloud_args, storage, cache_dir, port):
         for ws in list(console.pages):
             await ws.close(message=b"the local cloud stopped")
         await runner.cleanup()
+        if console.temporary_cache:
+            shutil.rmtree(console.cache, ignore_errors=True)
