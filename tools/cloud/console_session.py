@@ -92,8 +92,10 @@ class ConsoleSession:
 
     def close(self):
         if self.driver:
-            self.driver.save_screenshot(os.path.join(self.out, "web_console.png"))
+            shot = os.path.join(self.out, "web_console.png")
+            self.driver.save_screenshot(shot)
             self.driver.quit()
+            print("screenshot of the page and the logs of both sides: %s" % shot, flush=True)
         if self.host and self.host.poll() is None:
             self.host.kill()
             self.host.wait()
