@@ -2,6 +2,8 @@
 # The main job, from a fresh Debian machine (as root): install what is needed, build and
 # install the library, build the example host against the installed package, start the
 # local cloud and let the host talk to it. Exit status 0 only if every step happened.
+# With --web [PORT] the local cloud's browser console watches the story, and the cloud and
+# the page stay up afterwards (the address is printed) until Ctrl-C.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
