@@ -79,10 +79,12 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
     apply_identity(cc);
     cameras = camera_list;
-    std::lock_guard<std::mutex> stats_lock(stats_mutex);
-    published_stats = CloudStats();
     on_connect_cb = std::move(on_connect_fn);
     on_disconnect_cb = std::move(on_disconnect_fn);
+  }
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats = CloudStats();  // the totals count from this connect
   }
   start_upload_pool(cc.ca_path);
 
