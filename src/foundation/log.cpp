@@ -10,16 +10,15 @@
 namespace zel {
 
 namespace {
-// Guards the lws logger (its default emitter formats into a shared buffer), the host's
-// callback and its mask, and the observer.
+// Guards our lines on standard error, the enabled flag, the host's callback and its
+// mask, and the observer.
 std::mutex g_log_mutex;
 std::function<void(int, const std::string&)> g_observer;
 std::function<void(int, const std::string&)> g_callback;
 int g_levels = LOG_ERR | LOG_WARN | LOG_NOTICE;
+bool g_enabled = false;  // ZEL_DEBUG: our lines go to standard error
 
-// Set while this thread hands one of our own lines to lws (g_log_mutex held), and while
-// it runs the host's callback.
-thread_local bool t_own_line = false;
+// Set while this thread runs the host's callback.
 thread_local bool t_in_callback = false;
 
 std::string without_newline(const char* line) {
@@ -40,12 +39,8 @@ void deliver_locked(int level, const std::string& line) {
   t_in_callback = false;
 }
 
-// Every line lws writes, its own and ours, comes through here.
+// lws's own lines, all written on the worker thread, come through here.
 void emit(int level, const char* line) {
-  if (t_own_line) {
-    lwsl_emit_stderr(level, line);  // ours reach a registered callback directly
-    return;
-  }
   if (t_in_callback) return;
   std::lock_guard<std::mutex> lock(g_log_mutex);
   if (g_callback) {
@@ -59,7 +54,8 @@ void emit(int level, const char* line) {
 // before the first connect.
 std::once_flag g_level_once;
 void apply_level_locked() {
-  lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, &emit);
+  g_enabled = std::getenv("ZEL_DEBUG") != nullptr;
+  lws_set_log_level(g_enabled ? 65535 : 0, &emit);
 }
 }  // namespace
 
@@ -91,10 +87,12 @@ void zel_log(int level, const char* format, ...) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   if (g_callback) {
     deliver_locked(level, without_newline(line.c_str()));
-  } else {
-    t_own_line = true;
-    _lws_log(level, "%s", line.c_str());
-    t_own_line = false;
+  } else if (g_enabled) {
+    // Written here in lws's format rather than through _lws_log: lws formats into one
+    // static buffer, which its own lines on the worker thread use without our lock.
+    char stamp[64];
+    lwsl_timestamp(level, stamp, sizeof stamp);
+    std::fprintf(stderr, "%s%s", stamp, line.c_str());
   }
   if (g_observer) g_observer(level, line);
 }
@@ -104,7 +102,7 @@ void log_foreign_line(const std::string& line) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   if (g_callback) {
     deliver_locked(LOG_NOTICE, line);
-  } else {
+  } else if (g_enabled) {
     std::fprintf(stderr, "%s\n", line.c_str());
   }
 }

@@ -1,6 +1,7 @@
-// The library's one way to log. Every thread comes through here; lines reach the
-// libwebsockets logger under one mutex, since its formatter is not thread-safe, or the
-// host's own log when it registered one.
+// The library's one way to log. Every thread comes through here; lines go, under one
+// mutex, to the host's own log when it registered one, else with ZEL_DEBUG to standard
+// error in libwebsockets' format. lws's formatter is not thread-safe and is left to lws's
+// own lines, all written on the worker thread.
 #pragma once
 
 #include <functional>
