@@ -3,20 +3,24 @@
 # tree, rebuilds incrementally, runs the suites that cover that code and reports whether
 # they noticed. A fault the suites do not notice ("survived") is a hole in the tests.
 #
-#   bash tools/mutants.sh              every fault below
+#   bash tools/mutants.sh              every fault below, against the working tree
+#   bash tools/mutants.sh --rev REV    against a commit instead (for example an older suite)
 #   bash tools/mutants.sh 3 17         only faults 3 and 17 (numbers as printed)
 #   bash tools/mutants.sh --list       the table, nothing built
 #
-# Copies the working tree (not .git, not build/) to build/mutants/tree and builds it there
-# once at -O1 without sanitizers (build/mutants/plain); faults marked "tsan" (a dropped lock
-# shows only as a data race) use a ThreadSanitizer build (build/mutants/tsan). Each fault
+# Copies the tree (without .git and build/) to build/mutants-NAME/tree, NAME being the
+# revision or "work", and builds it there once at -O1 without sanitizers (plain/); faults
+# marked "tsan" (a dropped lock shows only as a data race) use a ThreadSanitizer build
+# (tsan/). Later runs of the same NAME rebuild incrementally. Each fault
 # gets at most ZEL_MUTANT_SECONDS (default 300) for its tests; a hang counts as killed.
 # A fault whose code no longer compiles is reported as "invalid" and counts as neither.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-work="$root/build/mutants"
-tree="$work/tree"
 limit=${ZEL_MUTANT_SECONDS:-300}
+rev=""
+if [ "${1:-}" = "--rev" ]; then rev=$(git -C "$root" rev-parse --short "$2") || exit 2; shift 2; fi
+work="$root/build/mutants-${rev:-work}"
+tree="$work/tree"
 
 # build|suites|file|original text (unique in the file)|replacement
 # suites: the ctest prefixes (subsystems) that must notice the fault.
@@ -118,8 +122,12 @@ PY
 sync_tree() {
   rm -rf "$tree"  # files deleted from the working tree must go too
   mkdir -p "$tree"
-  (cd "$root" && tar --exclude=./build --exclude=./.git --exclude=node_modules -cf - .) |
-    (cd "$tree" && tar -xf -)
+  if [ -n "$rev" ]; then
+    git -C "$root" archive "$rev" | tar -xf - -C "$tree"
+  else
+    (cd "$root" && tar --exclude=./build --exclude=./.git --exclude=node_modules -cf - .) |
+      (cd "$tree" && tar -xf -)
+  fi
   ln -sfn "$root/tools/cloud/node_modules" "$tree/tools/cloud/node_modules"
 }
 
@@ -128,9 +136,16 @@ configure() {  # dir sanitizer
     -DZEL_SANITIZE="$2" -DZEL_BUILD_BENCH=OFF -DZEL_BUILD_EXAMPLES=OFF >/dev/null
 }
 
-targets_of() { local t=""; for s in ${1//,/ }; do t="$t zel_${s}_tests"; done; echo "$t"; }
+# Only the suites this tree has: a subsystem may have its tests in a neighbour's suite.
+targets_of() {
+  local t=""
+  for s in ${1//,/ }; do [ -d "$tree/tests/$s" ] && t="$t zel_${s}_tests"; done
+  echo "$t"
+}
 
 sync_tree
+# A run that was cut short may have left a fault's object behind: rebuild that file.
+[ -f "$work/dirty" ] && touch "$tree/$(cat "$work/dirty")"
 configure plain "" || exit 2
 echo "== building the unmutated tree"
 cmake --build "$work/plain" -j2 >"$work/build.log" 2>&1 || { tail -30 "$work/build.log"; exit 2; }
@@ -152,9 +167,11 @@ for i in "${!rows[@]}"; do
   kind=$(field "$row" 0) suites=$(field "$row" 1) file=$(field "$row" 2)
   old=$(field "$row" 3) new=$(field "$row" 4)
   label=$(printf '%2d %-34s %s' "$n" "$file" "${old:0:60}")
-  cp "$root/$file" "$tree/$file"
+  cp -p "$tree/$file" "$work/saved"
+  echo "$file" >"$work/dirty"
   if ! apply_fault "$file" "$old" "$new" 2>"$work/apply.log"; then
-    echo "invalid  $label ($(cat "$work/apply.log"))"; invalid=$((invalid + 1)); continue
+    echo "invalid  $label ($(cat "$work/apply.log"))"; invalid=$((invalid + 1))
+    cp "$work/saved" "$tree/$file"; continue
   fi
   # shellcheck disable=SC2046
   if ! cmake --build "$work/$kind" -j2 --target $(targets_of "$suites") >"$work/build.log" 2>&1; then
@@ -174,7 +191,8 @@ for i in "${!rows[@]}"; do
       echo "killed   $label (${secs}s) ${what:0:80}"; killed=$((killed + 1))
     fi
   fi
-  cp "$root/$file" "$tree/$file"  # restore
+  cp "$work/saved" "$tree/$file"  # restored, with a new time so that it is rebuilt
+  rm -f "$work/dirty"
 done
 # Leave the scratch builds matching the tree.
 for kind in plain tsan; do
