@@ -75,7 +75,8 @@ bool Cloud::ok(const std::string& json_object) {
 Peer& storage() {
   static Peer peer("blob_storage.py", {"--machine", "--certs", ZEL_TEST_CERTS, "--container",
                                        "0011223344aa"});
-  setenv("ZEL_BLOB_DOMAIN", peer.listening().str("blob_domain").c_str(), 1);
+  static bool pointed = setenv("ZEL_BLOB_DOMAIN", peer.listening().str("blob_domain").c_str(), 1) == 0;
+  (void)pointed;
   return peer;
 }
 

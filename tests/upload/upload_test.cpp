@@ -1,0 +1,236 @@
+// Encryption against the openssl command, the uploader against blob storage (and a
+// recording endpoint for the exact request and answers the emulator never gives), and
+// the upload pool's statuses.
+#include <gtest/gtest.h>
+
+#include "foundation/time_utils.h"
+#include "support/cloud.h"
+#include "upload/streaming_crypto.h"
+#include "upload/uploader.h"
+#include "upload/uploader_cluster.h"
+
+namespace zt {
+namespace {
+
+const char kSecret[] = "clip-password-7";
+const std::string kFailed = "curl_easy_perform() failed: ";
+const std::string kAborted = kFailed + curl_easy_strerror(CURLE_ABORTED_BY_CALLBACK);
+
+std::string stream(zel::StreamingCrypto& c, size_t read_size) {
+  std::string out, buf(read_size, '\0');
+  while (size_t n = c.stream_to(&buf[0], read_size)) out.append(buf, 0, n);
+  return out;
+}
+
+// Chosen file and read sizes around the 16-byte block: empty, one block, one byte over,
+// and a large odd file, read a byte at a time, just under, at and over a block, and in
+// big rounds.
+TEST(Crypto, ChosenSizesMatchTheOpensslCommand) {
+  TempDir dir;
+  for (size_t file_size : {size_t{0}, size_t{16}, size_t{17}, size_t{3 * 1024 * 1024 + 5}}) {
+    std::string path = dir.file("clip", random_bytes(file_size, static_cast<unsigned>(file_size)));
+    const std::string expected = openssl_enc(path, kSecret);
+    for (size_t read_size : {1, 15, 16, 17, 65536}) {
+      SCOPED_TRACE(std::to_string(file_size) + " bytes read " + std::to_string(read_size) + " at a time");
+      zel::StreamingCrypto c(path, kSecret, zel::crypto_direction::ENCRYPTION);
+      EXPECT_EQ(c.get_encrypted_size(), expected.size());
+      EXPECT_TRUE(stream(c, read_size) == expected);
+      EXPECT_TRUE(c.is_good() && c.finished());
+    }
+    if (file_size < 17) continue;
+    zel::StreamingCrypto back(dir.file("cipher", expected), kSecret, zel::crypto_direction::DECRYPTION);
+    EXPECT_TRUE(stream(back, 17) == read_file(path)) << "decrypting " << file_size;
+  }
+}
+
+TEST(Crypto, PaddingIsOneToSixteenEqualBytes) {
+  TempDir dir;
+  zel::StreamingCrypto dec(dir.file("x", "x"), kSecret, zel::crypto_direction::DECRYPTION);
+  struct Row {
+    std::string tail;
+    int pad;
+  } rows[] = {{"abc\x01", 1},
+              {std::string(15, 'a') + std::string(16, '\x10'), 16},
+              {std::string(17, '\x11'), -1},
+              {"abc\x00", -1},
+              {"ab\x02\x03\x02", -1},
+              {"\x05\x05", -1}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.pad);
+    EXPECT_EQ(dec.unpad(row.tail.data(), static_cast<int>(row.tail.size())), row.pad);
+  }
+  zel::StreamingCrypto enc(dir.path + "/x", kSecret, zel::crypto_direction::ENCRYPTION);
+  EXPECT_EQ(enc.unpad("\x01", 1), 0);
+}
+
+class Upload : public ::testing::Test {
+ protected:
+  void SetUp() override { storage(); }
+  void TearDown() override { setenv("ZEL_BLOB_DOMAIN", storage().listening().str("blob_domain").c_str(), 1); }
+  zel::UploadData job(const std::string& path, int64_t start_time) {
+    zel::UploadData d;
+    d.start = zel::time_now();
+    d.nvr_mac = "0011223344aa";
+    d.camera_mac = "aabbccddeeff";
+    d.start_time = start_time;
+    d.path = path;
+    d.account = "devstoreaccount1";
+    d.token = storage_token();
+    d.secret = kSecret;
+    d.timeout_s = 60;
+    d.expected_size = static_cast<int64_t>(read_file(path).size());
+    return d;
+  }
+  static Event blob(int64_t start, const std::string& day) {
+    return storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/aabbccddeeff/" + day + "/" +
+                             std::to_string(start) + ".mp4\"}");
+  }
+  zel::Uploader uploader{cert("ca.pem")};
+  TempDir dir;
+};
+
+// The blob is named after the UTC day and second of the clip's start.
+TEST_F(Upload, StoresTheEncryptedClipAsABlockBlobUnderItsDatePath) {
+  std::string path = dir.file("clip.mp4", random_bytes(100000, 21));
+  const std::string sha = sha256_hex(openssl_enc(path, kSecret));
+  for (auto [start, day] : {std::pair<int64_t, const char*>{1704067200, "2024-01-01"},
+                            {0, "1970-01-01"}, {1704067199, "2023-12-31"}, {1709208000, "2024-02-29"}}) {
+    SCOPED_TRACE(day);
+    zel::UploadData d = job(path, start);
+    zel::UploadResult r = uploader.upload(d);
+    EXPECT_TRUE(r.success) << r.message;
+    EXPECT_EQ(r.bytes, 100016u);
+    Event stored = blob(start, day);
+    EXPECT_EQ(stored.num("status"), 200);
+    EXPECT_EQ(stored.str("blob_type"), "BlockBlob");
+    EXPECT_EQ(stored.str("sha256"), sha);
+  }
+  EXPECT_EQ(uploader.handles_made(), 1u);  // one connection for one account
+}
+
+// Every way an upload ends early: the message says which, and nothing is stored.
+TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
+  std::string path = dir.file("clip.mp4", random_bytes(200000, 22));
+  LogCapture log;
+  struct Row {
+    const char* name;
+    std::function<void(zel::UploadData&)> spoil;
+    std::string message;
+  } rows[] = {
+      {"no write permission", [](zel::UploadData& d) { d.token = storage_token("rl"); },
+       kFailed + "No error HTTP Status Code: 403"},
+      {"allowance spent in the queue", [](zel::UploadData& d) { d.start -= 30, d.timeout_s = 30; },
+       kAborted + " - User aborted"},
+      {"host says stop", [](zel::UploadData& d) {
+         d.start -= 5, d.progress = [](const std::string&, int, int64_t, int64_t) { return 1; }; },
+       kAborted + " - User aborted"},
+      {"host callback throws", [](zel::UploadData& d) {
+         d.start -= 5, d.progress = [](const std::string&, int, int64_t, int64_t) -> int {
+           throw std::runtime_error("host bug"); }; },
+       kAborted + " - Progress function failed: host bug"},
+      {"file changed", [&](zel::UploadData& d) { d.expected_size = 4000; },
+       "Clip file size changed: expected 4000 got 200000"},
+      {"file gone", [&](zel::UploadData& d) { d.path = dir.path + "/gone.mp4"; },
+       "Clip file could not be opened: " + dir.path + "/gone.mp4"},
+  };
+  int64_t start = 1704080000;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    zel::UploadData d = job(path, ++start);
+    row.spoil(d);
+    zel::UploadResult r = uploader.upload(d);
+    EXPECT_FALSE(r.success);
+    EXPECT_EQ(r.message, row.message);
+    EXPECT_EQ(blob(start, "2024-01-01").num("status"), 404);
+  }
+  EXPECT_EQ(log.count("2|Upload failed, service error code AuthorizationPermissionMismatch: " + kFailed +
+                      "No error HTTP Status Code: 403; to https://devstoreaccount1" +
+                      storage().listening().str("blob_domain") +
+                      "/0011223344aa/aabbccddeeff/2024-01-01/1704080001.mp4 from " + path + "\n"), 1u);
+}
+
+// The request as it leaves, and the answers that count as success, seen by an endpoint
+// that records it.
+TEST_F(Upload, RequestHeadersAndAnswers) {
+  std::string path = dir.file("clip.mp4", random_bytes(2 * 1024 * 1024 + 3, 32));
+  const std::string cipher = openssl_enc(path, kSecret);
+  struct Row {
+    std::string answer;
+    int expect;
+    bool success;
+    std::string logged;  // the service's error code, from a header or the body
+  } rows[] = {
+      {"\"status\":201", 1, true, ""},
+      {"\"status\":200", 0, true, ""},
+      {"\"status\":300", 0, false, ""},
+      {"\"status\":409,\"headers\":{\"x-ms-error-code\":\"FromTheHeader\"}", 0, false, "FromTheHeader"},
+      {"\"status\":500,\"body\":\"<?xml version=\\\"1.0\\\"?><Error><Code>FromTheBody</Code></Error>\"", 0,
+       false, "FromTheBody"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.answer);
+    LogCapture log;
+    size_t seen = storage().count([](const Event& e) { return e.kind == "request"; });
+    long port = storage().command("{\"cmd\":\"record\"," + row.answer + "}").num("port");
+    setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(port)).c_str(), 1);
+    zel::UploadData d = job(path, 1704067200);
+    d.token = "sv=2020-04-08&sig=abc%2B";
+    d.expect_timeout_s = row.expect;
+    zel::UploadResult r = zel::Uploader(cert("ca.pem")).upload(d);
+    EXPECT_EQ(r.success, row.success) << r.message;
+    auto req = storage().wait([](const Event& e) { return e.kind == "request"; }, seen);
+    ASSERT_TRUE(req);
+    std::string head = req->str("head");
+    EXPECT_EQ(head.rfind("PUT /0011223344aa/aabbccddeeff/2024-01-01/1704067200.mp4?sv=2020-04-08&sig=abc%2B "
+                         "HTTP/1.1\r\nHost: devstoreaccount1.blob.localhost:" + std::to_string(port) + "\r\n", 0),
+              0u) << head;
+    for (std::string line : {"x_ms_date: 1704067200", "x-ms-version: 2020-04-08", "x-ms-blob-type: BlockBlob",
+                             "Content-Length: 2097168"})
+      EXPECT_NE(head.find("\r\n" + line + "\r\n"), std::string::npos) << line;
+    EXPECT_EQ(head.find("Expect: 100-continue") != std::string::npos, row.expect > 0);
+    EXPECT_EQ(req->str("sha256"), sha256_hex(cipher));
+    if (!row.logged.empty()) {
+      EXPECT_EQ(log.count("2|Upload failed, service error code " + row.logged + ": " + r.message + "; to https://"
+                          "devstoreaccount1.blob.localhost:" + std::to_string(port) +
+                          "/0011223344aa/aabbccddeeff/2024-01-01/1704067200.mp4 from " + path + "\n"), 1u);
+    }
+  }
+}
+
+// Each clip reports its start, then its outcome, once; statuses are read while the
+// threads write them (a race under ThreadSanitizer).
+TEST_F(Upload, PoolReportsStartThenOutcomeOnce) {
+  std::string path = dir.file("clip.mp4", random_bytes(300000, 41));
+  zel::UploaderCluster pool(cert("ca.pem"));
+  pool.set_size(2);
+  std::map<std::string, std::vector<std::string>> seen;
+  for (int i = 0; i < 4; ++i) {
+    zel::PendingClip p;
+    p.nvr_mac = "0011223344aa";
+    p.clip.path = path;
+    p.clip.camera_mac = "aabbccddeeff";
+    p.clip.start_time = 1704067300 + i;
+    p.clip.size = 300000;
+    p.credentials = {"devstoreaccount1", storage_token(i == 3 ? "rl" : "racwdl"), kSecret, "", "", 0};
+    pool.upload(p);
+  }
+  EXPECT_TRUE(eventually([&] {
+    for (const zel::UploadStatus& s : pool.get_statuses())
+      seen[s.key].push_back(std::to_string(s.state) + (s.state == 5 ? " " + std::to_string(s.bytes) : ""));
+    return seen.size() == 4 && seen["aabbccddeeff1704067303"].size() == 2;
+  }, 30s));
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(seen["aabbccddeeff" + std::to_string(1704067300 + i)], (std::vector<std::string>{"4", "5 300016"}));
+  EXPECT_EQ(seen["aabbccddeeff1704067303"], (std::vector<std::string>{"4", "7"}));
+  EXPECT_TRUE(pool.get_statuses().empty());
+
+  // Jobs no thread has taken can be withdrawn, oldest first.
+  pool.set_size(0);
+  zel::PendingClip p;
+  for (int64_t start : {7, 3}) p.clip.start_time = start, p.clip.camera_mac = "c", pool.upload(p);
+  EXPECT_EQ(pool.take_queued_keys(), (std::vector<std::string>{"c7", "c3"}));
+  EXPECT_EQ(pool.queued(), 0u);
+}
+
+}  // namespace
+}  // namespace zt
