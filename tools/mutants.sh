@@ -23,6 +23,7 @@ work="$root/build/mutants-${rev:-work}"
 tree="$work/tree"
 
 # build|suites|file|original text (unique in the file)|replacement
+# In the texts "\|" stands for "|" and "¶" for a line break; the rest is as in the source.
 # suites: the ctest prefixes (subsystems) that must notice the fault.
 faults=$(cat <<'EOF'
 plain|foundation|src/foundation/envelope.cpp|"signature", "n/a"|"signature", "n/b"
@@ -50,7 +51,7 @@ plain|events,messaging|src/messaging/messaging.cpp|device_info.device_type = "co
 plain|handlers,messaging|src/handlers/dispatch.cpp|"Not supported subject: "|"Unsupported subject: "
 plain|handlers|src/handlers/dispatch.cpp|if (subject == "updateFirmware")|if (subject == "updatefirmware")
 plain|handlers,messaging|src/handlers/dispatch.cpp|if (cJSON_IsNumber(account)) status.account_id = account->valueint;|if (cJSON_IsNumber(account)) status.partner_id = account->valueint;
-plain|handlers|src/handlers/dispatch.cpp|info.device = string_member(root.get(), "device");\n    const|info.device = string_member(root.get(), "action");\n    const
+plain|handlers|src/handlers/dispatch.cpp|info.device = string_member(root.get(), "device");¶    const|info.device = string_member(root.get(), "action");¶    const
 plain|handlers|src/handlers/device_reports.cpp|"000\",\"recorder\":|"\",\"recorder\":
 plain|handlers|src/handlers/certificates.cpp|write_member(inner, "key", key_path, 0600);|write_member(inner, "key", key_path, 0644);
 plain|handlers,clips|src/handlers/storage_access.cpp|string_member(root.get(), "start_at");|string_member(root.get(), "startAt");
@@ -87,8 +88,8 @@ plain|upload|src/upload/uploader.cpp|"%Y-%m-%d", &parts)|"%Y/%m/%d", &parts)
 plain|upload|src/upload/uploader.cpp|if (d.expect_timeout_s <= 0) {|if (d.expect_timeout_s < 0) {
 plain|upload|src/upload/uploader.cpp|if (d.timeout_s > 0 && elapsed >= d.timeout_s) {|if (d.timeout_s > 0 && elapsed > d.timeout_s) {
 plain|upload|src/upload/uploader_cluster.cpp|  work_ready.notify_one();|
-plain|upload|src/upload/uploader_cluster.cpp|  queue.clear();\n  return keys;|  return keys;
-tsan|upload|src/upload/uploader_cluster.cpp|  std::lock_guard<std::mutex> lock(queue_mutex);\n  statuses.push_back(status);|  statuses.push_back(status);
+plain|upload|src/upload/uploader_cluster.cpp|  queue.clear();¶  return keys;|  return keys;
+tsan|upload|src/upload/uploader_cluster.cpp|  std::lock_guard<std::mutex> lock(queue_mutex);¶  statuses.push_back(status);|  statuses.push_back(status);
 EOF
 )
 
@@ -99,7 +100,7 @@ if [ "${1:-}" = "--list" ]; then
 fi
 picked=("$@")
 
-# Splits a row on "|" not preceded by a backslash; "\|" stands for "|", "\n" for a newline.
+# Splits a row on "|" not preceded by a backslash.
 field() {
   python3 - "$1" "$2" <<'PY'
 import re, sys
@@ -111,7 +112,7 @@ PY
 apply_fault() {  # file original replacement -> 0 when applied
   python3 - "$tree/$1" "$2" "$3" <<'PY'
 import sys
-path, old, new = sys.argv[1], sys.argv[2].replace('\\n', '\n'), sys.argv[3].replace('\\n', '\n')
+path, old, new = sys.argv[1], sys.argv[2].replace('¶', '\n'), sys.argv[3].replace('¶', '\n')
 text = open(path).read()
 if text.count(old) != 1:
     sys.exit("original text found %d times in %s" % (text.count(old), path))
