@@ -45,7 +45,7 @@ plain|link,messaging|src/messaging/inbound.cpp|kMaxMissedPongs = 5;|kMaxMissedPo
 plain|link,messaging|src/messaging/inbound.cpp|"Pong message not received in %d seconds, disconnecting.\n"|"Pong message not received in %d seconds, disconnecting\n"
 plain|link,messaging|src/messaging/messaging.cpp|kPingPeriod = 30;|kPingPeriod = 29;
 plain|link,messaging|src/messaging/messaging.cpp|v += "\",\"ui\":\"none\"}";|v += "\",\"ui\":\"None\"}";
-plain|messaging,handlers|src/messaging/inbound.cpp|resp.ok ? "OK" : "ERROR"|resp.ok ? "OK" : "FAIL"
+plain|messaging,handlers,link|src/messaging/inbound.cpp|resp.ok ? "OK" : "ERROR"|resp.ok ? "OK" : "FAIL"
 plain|link,inventory|src/messaging/messaging.cpp|for (const std::string& id : cameras) send_camera_to_cloud(id);|
 plain|events,messaging|src/messaging/messaging.cpp|device_info.device_type = "controller";|device_info.device_type = "controler";
 plain|handlers,messaging|src/handlers/dispatch.cpp|"Not supported subject: "|"Unsupported subject: "

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Fault soak: runs the soak host (tools/soak_host.cpp, built as build/tools/zel_soak_host) against the local cloud while breaking the cloud
+"""Fault soak: runs the soak host (tools/soak_host.cpp, built as build/tools/zel_soak_host)
+against the local cloud while breaking the cloud
 around it, then reports whether the library held.
 
 Usage:

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <thread>
+#include <stdexcept>
 
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
@@ -138,23 +138,12 @@ TEST(OutboundQueue, FramesUpToOneMebibyteGoOutLargerOnesAreDropped) {
   EXPECT_EQ(log.count("2|Payload(1048577) bigger than buffer(1048576), skipping\n"), 1u);
 }
 
-// Host threads queue while the worker services the link (a race for ThreadSanitizer).
-TEST(OutboundQueue, HostThreadsSendWhileTheWorkerServicesTheLink) {
-  Cloud cloud;
-  Device device(cloud);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < 25; ++i) zel::Upload::register_camera("cam-" + std::to_string(t * 100 + i));
-    });
-  for (auto& th : threads) th.join();
-  EXPECT_TRUE(cloud.sent("transaction", 99, 20s));
-}
-
-// Each row is dropped (with its log line) without a reply; the worker goes on answering.
+// Each row is dropped (with its log line) without a reply; the worker goes on answering, and
+// a host callback that throws gets an error reply.
 TEST(Inbound, BadInputIsDroppedAndTheWorkerCarriesOn) {
   Cloud cloud;
   LogCapture log;
+  zel::Upload::register_perform_action([](zel::ActionInfo) -> zel::MsgResponse { throw std::runtime_error("jammed"); });
   Device device(cloud);
   struct Row {
     std::string command, log_line;
@@ -176,6 +165,10 @@ TEST(Inbound, BadInputIsDroppedAndTheWorkerCarriesOn) {
   }
   EXPECT_EQ(stable(cloud.reply("f1").value_or("")), envelope("c", "setSshPassword", kOkay, "f1"));
   EXPECT_EQ(log.count("2|Error parsing received message: 'junk'\n"), 0u);
+  cloud.request("action", "{}", "t1");
+  EXPECT_EQ(stable(cloud.reply("t1").value_or("")), envelope("zel-cloud", "action", "{\"status\":\"ERROR\","
+                                                            "\"details\":{\"error\":\"Host callback failed\"}}", "t1"));
+  EXPECT_EQ(log.count("1|Handler for 'action' failed: jammed\n"), 1u);
   EXPECT_EQ(cloud.count([](const Event& e) { return e.reply && e.text.find("\"to\":\"c\"") != std::string::npos; }), 1u);
 }
 

@@ -119,8 +119,8 @@ size_t Peer::count(const std::function<bool(const Event&)>& match) {
   return static_cast<size_t>(std::count_if(events_.begin(), events_.end(), match));
 }
 
-bool Peer::ok(const std::string& json_object) {
-  std::string kind = command(json_object).kind;
+bool Peer::ok(const std::string& json_object, Ms timeout) {
+  std::string kind = command(json_object, timeout).kind;
   return kind == "sent" || kind == "done";
 }
 

@@ -1,6 +1,6 @@
-// The local cloud as the tests meet it: tools/cloud programs run as Peers in their machine
-// mode (commands as JSON lines on standard input, events as JSON lines on standard output),
-// the device connected to the messaging server, and the texts, files and logs compared.
+// The local cloud as the tests meet it: tools/cloud programs run as Peers in machine mode
+// (JSON lines: commands on standard input, events on standard output), the device connected
+// to it, and the texts, files and logs the tests compare.
 #pragma once
 
 #include <sys/types.h>
@@ -43,7 +43,7 @@ class Peer {
   // The nth (0-based) event that match accepts, waiting for it at most timeout.
   std::optional<Event> wait(const std::function<bool(const Event&)>& match, size_t nth = 0, Ms timeout = 5s);
   size_t count(const std::function<bool(const Event&)>& match);
-  bool ok(const std::string& json_object);  // a command that was carried out
+  bool ok(const std::string& json_object, Ms timeout = 10s);  // a command carried out
 
  private:
   pid_t pid_ = -1;
@@ -79,8 +79,7 @@ struct Cloud : Peer {
 Peer& storage();
 std::string storage_token(const std::string& permissions = "racwdl");
 
-// The library connected as a host connects it, until its version has gone out; at the
-// end disconnected and reset.
+// The library connected as a host connects it (until its version is out); then disconnected.
 struct Device {
   Device(Cloud& cloud, const zel::CloudConnect& cc, std::list<std::string> cameras = {});
   explicit Device(Cloud& cloud, std::list<std::string> cameras = {}) : Device(cloud, cloud.params(), cameras) {}
