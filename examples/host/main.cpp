@@ -5,8 +5,9 @@
 //
 // It registers the four callbacks, connects, announces a camera, a relay and a door,
 // sends a motion and an access event, uploads a clip if one is given, waits until the
-// cloud has asked it to perform an action, and disconnects. Exit status 0 only when
-// every step happened.
+// cloud has asked it to perform an action, prints the library's status snapshot, and
+// disconnects. The library's log lines go into the host's own output. Exit status 0 only
+// when every step happened.
 #include <zel/upload.h>
 
 #include <atomic>
@@ -53,6 +54,24 @@ struct Progress {
   }
 };
 
+// The snapshot an operator's status page would show.
+void print_stats(const zel::CloudStats& s) {
+  char text[512];
+  std::snprintf(text, sizeof text,
+                "status: link %s, %lld connection(s); queued: %lld out, %lld events, %lld clips; "
+                "clips: %lld uploaded (%lld bytes), %lld confirmed, %lld failed%s%s",
+                s.link_up ? "up" : "down", static_cast<long long>(s.connections),
+                static_cast<long long>(s.outbound_queued),
+                static_cast<long long>(s.motion_events_queued + s.access_events_queued),
+                static_cast<long long>(s.clips_queued + s.clips_waiting_credentials +
+                                       s.clips_uploading),
+                static_cast<long long>(s.clips_uploaded), static_cast<long long>(s.bytes_uploaded),
+                static_cast<long long>(s.clips_confirmed), static_cast<long long>(s.clips_failed),
+                s.last_upload_error.empty() ? "" : "; last upload error: ",
+                s.last_upload_error.c_str());
+  say(text);
+}
+
 const char* state_name(int state) {
   static const char* names[] = {"queued",    "rejected", "waiting for credentials",
                                 "upload started", "uploading", "uploaded",
@@ -75,6 +94,14 @@ int main(int argc, char** argv) {
   const int wait_s = arg["--wait"].empty() ? 20 : std::atoi(arg["--wait"].c_str());
   const std::string camera = arg["--camera"].empty() ? "0a1b2c3d4e5f" : arg["--camera"];
   Progress progress;
+
+  // 0. The library's diagnostics belong in the host's own log, not on standard error.
+  zel::Upload::register_log([](int level, const std::string& line) {
+    std::lock_guard<std::mutex> lock(out_mu);
+    std::printf("[zel %s] %s\n", level == 1 ? "error" : level == 2 ? "warning" : "notice",
+                line.c_str());
+    std::fflush(stdout);
+  });
 
   // 1. Callbacks first: they run on the library's worker thread and must return quickly.
   zel::Upload::register_cloud_status([&](zel::CloudStatus s) {
@@ -203,6 +230,7 @@ int main(int argc, char** argv) {
   // disconnect() closes at once and does not flush what is still queued, so give the
   // worker a moment to send the action's reply (one message leaves per 50 ms pass).
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  print_stats(zel::Upload::stats());
   bool disconnected = zel::Upload::disconnect();
   say(disconnected ? "disconnected cleanly" : "disconnect failed");
   bool ok = progress.status && action_ok && clip_ok && disconnected;

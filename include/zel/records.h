@@ -116,4 +116,30 @@ struct TransactionAck {
   std::string start_at;
 };
 
+// What Upload::stats() returns: the link, the queues and the clips at a glance. Counts are
+// as of the end of the last worker pass or fresher; times are seconds since the epoch
+// (0 = never). The totals count from the last connect.
+struct CloudStats {
+  bool link_up = false;
+  int64_t connections = 0;  // links established since connect
+  int64_t last_connected_at = 0;
+  int64_t last_disconnected_at = 0;
+  int64_t outbound_queued = 0;
+  int64_t inbound_queued = 0;
+  int64_t motion_events_queued = 0;
+  int64_t access_events_queued = 0;
+  int64_t clips_queued = 0;
+  int64_t clips_waiting_credentials = 0;
+  int64_t clips_uploading = 0;
+  int64_t clips_awaiting_confirmation = 0;
+  int64_t credentials_held = 0;
+  int64_t upload_threads = 0;
+  int64_t clips_uploaded = 0;
+  int64_t clips_confirmed = 0;
+  int64_t clips_failed = 0;
+  int64_t bytes_uploaded = 0;
+  std::string last_upload_error;  // the message of the last failed upload
+  int64_t last_upload_error_at = 0;
+};
+
 }  // namespace zel

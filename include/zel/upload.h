@@ -1,8 +1,10 @@
 // The one header a host includes. Every operation is static and thread-safe to call
-// from host threads; callbacks run on the library's worker thread and must not call
-// disconnect() or stop().
+// from host threads. Callbacks may call back in: connect, disconnect and stop are refused
+// from any library callback (they return false at once with a log line), and
+// set_upload_threads from an upload's progress function; everything else works.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <string>
@@ -22,11 +24,14 @@ using OtaUpdateCallback = std::function<MsgResponse(UpdateInfo)>;
 
 class ZEL_EXPORT Upload {
  public:
-  // Starts the worker and the connection; false when one is already running.
+  // Starts the worker and the connection; false when one is already running or when
+  // called from a library callback.
   static bool connect(const CloudConnect& cc, std::function<void()> on_connect,
                       std::function<void()> on_disconnect, const std::list<std::string>& cameras);
-  // Closes the link (waiting at most 30 s), stops the worker and the upload threads.
-  // True when the library is disconnected; false from a callback or on time-out.
+  // Closes the link (waiting at most 30 s), stops the worker, ends uploads still running
+  // (state 7 "Upload interrupted by disconnect") and joins the upload threads; returns
+  // within 32 s. True when the library is disconnected; false from a callback or on
+  // time-out.
   static bool disconnect();
   static bool stop();  // the same as disconnect()
 
@@ -52,8 +57,26 @@ class ZEL_EXPORT Upload {
   static void cloud_sync();
   static void send_action_scheduler(const std::string& action_scheduler_uuid,
                                     const std::string& recurrence_count);
-  // Resizes the upload pool while connected; ignored otherwise.
+  // Resizes the upload pool, and so the number of clips in progress, while connected;
+  // returns at once (removed threads finish their uploads in the background). The number
+  // holds across reconnections. Ignored while disconnected and from a progress function.
   static void set_upload_threads(unsigned n);
+
+  // Operating it in the field.
+  // A snapshot of the link, the queues and the clips; any thread, never waits for the
+  // worker's pass and never touches the network.
+  static CloudStats stats();
+  // Sends every log line of the library (without its newline) to the host instead of
+  // standard error; with ZEL_DEBUG also libwebsockets' own lines and libcurl's verbose
+  // output (as notices). Calls are one at a time, from any library thread; the callback
+  // must not call into the library other than stats(). nullptr goes back to standard error.
+  static void register_log(std::function<void(int level, const std::string& line)> cb);
+  // Which levels reach that callback: a mask of error 1, warning 2, notice 4 (default 7).
+  static void set_log_levels(int levels);
+  // Caps what all uploads send together, in bytes per second (0, the default: no cap).
+  // Any time; running uploads follow within a second. A capped upload that runs past its
+  // time-out fails like any slow upload.
+  static void set_upload_rate_limit(uint64_t bytes_per_second);
 };
 
 }  // namespace zel

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "foundation/log.h"
+#include "foundation/thread_role.h"
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
@@ -36,7 +37,9 @@ std::string confirmation_key(const std::string& camera_mac, int64_t start_time) 
 // A host callback that is missing or throws must not lose the clip nor report it twice:
 // the stage carries on as if the call had returned.
 void Messaging::report_clip(const ClipInfo& clip, int state, const std::string& message) {
+  count_clip_state(state);
   if (!clip.callback) return;
+  CallbackScope scope;
   try {
     clip.callback(state, clip, message);
   } catch (const std::exception& e) {

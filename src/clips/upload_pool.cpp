@@ -1,9 +1,10 @@
 // The upload pool as the clip pipeline sees it: created by connect, resized by the
 // host, emptied by disconnect, and read once per pass for upload states.
+#include "foundation/log.h"
+#include "foundation/thread_role.h"
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
-
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -15,7 +16,7 @@ void UploaderClusterDeleter::operator()(UploaderCluster* cluster) const { delete
 void Messaging::start_upload_pool(const std::string& ca_path) {
   std::lock_guard<std::recursive_mutex> lock(work_mutex);
   uploaders.reset(new UploaderCluster(ca_path));
-  upload_threads = 1;
+  uploaders->set_size(upload_threads);
 }
 
 void Messaging::hand_to_pool(PendingClip& pending) {
@@ -23,40 +24,59 @@ void Messaging::hand_to_pool(PendingClip& pending) {
 }
 
 void Messaging::set_upload_threads(unsigned n) {
+  // An upload thread that shrinks the pool could be asked to join itself.
+  if (thread_role() == ThreadRole::UPLOADER) {
+    zel_log(LOG_ERR, "Can't resize the upload pool from an upload thread\n");
+    return;
+  }
   std::lock_guard<std::recursive_mutex> lock(work_mutex);
   if (!uploaders) return;
+  // Returns at once: threads that go finish their uploads in the background.
   uploaders->set_size(n);
   upload_threads = n;
 }
 
-void Messaging::stop_upload_pool() {
+std::vector<ClipReport> Messaging::stop_upload_pool() {
+  std::unique_ptr<UploaderCluster, UploaderClusterDeleter> pool;
+  {
+    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    pool = std::move(uploaders);
+  }
+  if (!pool) return {};
+  // Unlocked: a progress function may be waiting for work_mutex right now.
+  pool->stop();
+
   std::lock_guard<std::recursive_mutex> lock(work_mutex);
-  if (!uploaders) return;
-  uploaders->set_size(0);
   // What the threads reported before they stopped still reaches the host...
-  manage_upload_threads();
+  std::vector<ClipReport> reports = apply_upload_statuses(pool->get_statuses());
   // ...and no clip keeps a pending slot for an upload that will never report.
   for (auto it = pending_clips.begin(); it != pending_clips.end();) {
     if (!it->second.in_flight) {
       ++it;
       continue;
     }
-    PendingClip failed = std::move(it->second);
+    it->second.state = CLIP_FAILED;
+    reports.push_back({std::move(it->second.clip), CLIP_FAILED, kUploadInterrupted});
     it = pending_clips.erase(it);
-    failed.state = CLIP_FAILED;
-    report_clip(failed.clip, CLIP_FAILED, "Upload interrupted by disconnect");
   }
-  uploaders.reset();
+  return reports;
 }
 
 void Messaging::manage_upload_threads() {
   if (!uploaders) return;
-  for (const UploadStatus& status : uploaders->get_statuses()) {
+  for (const ClipReport& r : apply_upload_statuses(uploaders->get_statuses()))
+    report_clip(r.clip, r.state, r.message);
+}
+
+std::vector<ClipReport> Messaging::apply_upload_statuses(const std::vector<UploadStatus>& statuses) {
+  std::vector<ClipReport> reports;
+  for (const UploadStatus& status : statuses) {
     auto it = pending_clips.find(status.key);
     if (it == pending_clips.end()) continue;  // ended already, e.g. by expiry
     PendingClip& entry = it->second;
     entry.state = status.state;
-    report_clip(entry.clip, status.state, status.message);
+    count_upload_status(status);
+    reports.push_back({entry.clip, status.state, status.message});
 
     if (status.state == CLIP_UPLOADED) {
       entry.uploaded_bytes = status.bytes;
@@ -74,6 +94,7 @@ void Messaging::manage_upload_threads() {
       pending_clips.erase(it);
     }
   }
+  return reports;
 }
 
 }  // namespace zel

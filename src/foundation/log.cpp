@@ -10,19 +10,61 @@
 namespace zel {
 
 namespace {
-// Guards the lws logger (its default emitter formats into a shared buffer) and the observer.
+// Guards the lws logger (its default emitter formats into a shared buffer), the host's
+// callback and its mask, and the observer.
 std::mutex g_log_mutex;
 std::function<void(int, const std::string&)> g_observer;
-}  // namespace
+std::function<void(int, const std::string&)> g_callback;
+int g_levels = LOG_ERR | LOG_WARN | LOG_NOTICE;
 
-namespace {
+// Set while this thread hands one of our own lines to lws (g_log_mutex held), and while
+// it runs the host's callback.
+thread_local bool t_own_line = false;
+thread_local bool t_in_callback = false;
+
+std::string without_newline(const char* line) {
+  std::string s(line);
+  while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+  return s;
+}
+
+// g_log_mutex held.
+void deliver_locked(int level, const std::string& line) {
+  if (!g_callback || (level & g_levels) == 0) return;
+  t_in_callback = true;
+  try {
+    g_callback(level, line);
+  } catch (...) {
+    // The host's logger failing must not take a library thread down with it.
+  }
+  t_in_callback = false;
+}
+
+// Every line lws writes, its own and ours, comes through here.
+void emit(int level, const char* line) {
+  if (t_own_line) {
+    lwsl_emit_stderr(level, line);  // ours reach a registered callback directly
+    return;
+  }
+  if (t_in_callback) return;
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  if (g_callback) {
+    deliver_locked(level, without_newline(line));
+  } else {
+    lwsl_emit_stderr(level, line);
+  }
+}
+
 // The logger starts silent unless ZEL_DEBUG asks otherwise, even for lines written
 // before the first connect.
 std::once_flag g_level_once;
-void apply_level_locked() { lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, nullptr); }
+void apply_level_locked() {
+  lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, &emit);
+}
 }  // namespace
 
 void zel_log(int level, const char* format, ...) {
+  if (t_in_callback) return;
   std::call_once(g_level_once, [] {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     apply_level_locked();
@@ -47,13 +89,43 @@ void zel_log(int level, const char* format, ...) {
   va_end(copy);
 
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  _lws_log(level, "%s", line.c_str());
+  if (g_callback) {
+    deliver_locked(level, without_newline(line.c_str()));
+  } else {
+    t_own_line = true;
+    _lws_log(level, "%s", line.c_str());
+    t_own_line = false;
+  }
   if (g_observer) g_observer(level, line);
+}
+
+void log_foreign_line(const std::string& line) {
+  if (t_in_callback) return;
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  if (g_callback) {
+    deliver_locked(LOG_NOTICE, line);
+  } else {
+    std::fprintf(stderr, "%s\n", line.c_str());
+  }
 }
 
 void apply_log_level_from_env() {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   apply_level_locked();
+}
+
+void set_log_callback(std::function<void(int, const std::string&)> callback) {
+  std::call_once(g_level_once, [] {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    apply_level_locked();
+  });
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  g_callback = std::move(callback);
+}
+
+void set_log_levels(int levels) {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  g_levels = levels;
 }
 
 void set_log_observer(std::function<void(int, const std::string&)> observer) {

@@ -1,5 +1,6 @@
 // The library's one way to log. Every thread comes through here; lines reach the
-// libwebsockets logger under one mutex, since its formatter is not thread-safe.
+// libwebsockets logger under one mutex, since its formatter is not thread-safe, or the
+// host's own log when it registered one.
 #pragma once
 
 #include <functional>
@@ -13,6 +14,16 @@ void zel_log(int level, const char* format, ...) __attribute__((format(printf, 2
 
 // Applies ZEL_DEBUG: everything to standard error when set, silence otherwise.
 void apply_log_level_from_env();
+
+// The host's log: with one registered, every line goes there (without its newline) and
+// none to standard error. Calls are serialised; a line logged from inside the callback
+// itself is dropped rather than deadlock.
+void set_log_callback(std::function<void(int level, const std::string& line)> callback);
+void set_log_levels(int levels);  // a mask of LogLevel values; 7 by default
+
+// A line of libcurl's verbose output (ZEL_DEBUG only), already free of secrets: to the
+// host's log as a notice, or to standard error as libcurl would print it.
+void log_foreign_line(const std::string& line);
 
 // Test seam: sees every formatted line, whatever the logger's level.
 void set_log_observer(std::function<void(int level, const std::string& line)> observer);

@@ -22,11 +22,12 @@ bool WebSocketClient::outbound_message_ready() {
   return !outbound.empty();
 }
 
-OutboundType* WebSocketClient::get_outbound_message() {
+bool WebSocketClient::get_outbound_message(OutboundType& out) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (outbound.empty()) return nullptr;
-  // Set elements are immutable through the iterator; the pointer is for reading.
-  return const_cast<OutboundType*>(&*outbound.begin());
+  if (outbound.empty()) return false;
+  // A copy: a host thread may change the set as soon as the lock is released.
+  out = *outbound.begin();
+  return true;
 }
 
 bool WebSocketClient::outbound_remove_message(OutboundType& m) {
@@ -45,6 +46,11 @@ std::string WebSocketClient::get_inbound_message() {
   std::string text = std::move(inbound.front());
   inbound.pop_front();
   return text;
+}
+
+size_t WebSocketClient::inbound_size() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return inbound.size();
 }
 
 void WebSocketClient::soft_disconnect() {

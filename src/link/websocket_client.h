@@ -39,10 +39,12 @@ class WebSocketClient {
   // Queues (any thread).
   void send_message(const std::string& message, bool force);
   bool outbound_message_ready();
-  OutboundType* get_outbound_message();
+  // Copies the first queued message into out; false when none is queued.
+  bool get_outbound_message(OutboundType& out);
   bool outbound_remove_message(OutboundType& m);
   bool inbound_message_ready();
   std::string get_inbound_message();
+  size_t inbound_size();
   void soft_disconnect();
   std::future<void> full_disconnect();
 

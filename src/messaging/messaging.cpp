@@ -8,6 +8,7 @@
 #include <future>
 
 #include "foundation/log.h"
+#include "foundation/thread_role.h"
 #include "foundation/time_utils.h"
 #include "inventory/templates.h"
 #include "link/websocket_client.h"
@@ -57,20 +58,32 @@ Messaging::Messaging() {
   zel_log(LOG_NOTICE, "architecture: %s\n", kArchitecture);
 }
 
-bool Messaging::on_worker_thread() const {
-  return worker_thread && worker_thread->get_id() == std::this_thread::get_id();
+bool Messaging::refuse_lifecycle_call(const char* verb) const {
+  // From the worker or an upload thread the call would wait for the calling thread
+  // itself; from a clip callback on a host thread, for a worker pass that waits on the
+  // lock the callback runs under.
+  if (thread_role() == ThreadRole::HOST && !in_host_callback()) return false;
+  zel_log(LOG_ERR, "Can't %s from a callback, use different thread\n", verb);
+  return true;
 }
 
 bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect_fn,
                         std::function<void()> on_disconnect_fn,
                         const std::list<std::string>& camera_list) {
+  if (refuse_lifecycle_call("connect")) return false;
   std::lock_guard<std::mutex> connect_lock(connect_mutex);
   if (worker_thread) return false;
 
-  apply_identity(cc);
-  cameras = camera_list;
-  on_connect_cb = std::move(on_connect_fn);
-  on_disconnect_cb = std::move(on_disconnect_fn);
+  {
+    // Host threads read the identity under this lock while they report.
+    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    apply_identity(cc);
+    cameras = camera_list;
+    std::lock_guard<std::mutex> stats_lock(stats_mutex);
+    published_stats = CloudStats();
+    on_connect_cb = std::move(on_connect_fn);
+    on_disconnect_cb = std::move(on_disconnect_fn);
+  }
   start_upload_pool(cc.ca_path);
 
   WebSocketClient::instance().initialize(
@@ -99,17 +112,32 @@ void Messaging::prepare_for_tests(const CloudConnect& cc) {
 }
 
 bool Messaging::disconnect() {
-  std::unique_lock<std::mutex> connect_lock(connect_mutex, std::try_to_lock);
-  if (!connect_lock.owns_lock()) {
-    zel_log(LOG_ERR, "Already disconnecting\n");
-    return false;
-  }
-  if (!worker_thread) return true;
-  if (on_worker_thread()) {
-    zel_log(LOG_ERR, "Can't disconnect from a callback, use different thread\n");
-    return false;
-  }
+  if (refuse_lifecycle_call("disconnect")) return false;
+  std::vector<ClipReport> last_reports;
+  {
+    std::unique_lock<std::mutex> connect_lock(connect_mutex, std::try_to_lock);
+    if (!connect_lock.owns_lock()) {
+      zel_log(LOG_ERR, "Already disconnecting\n");
+      return false;
+    }
+    if (!worker_thread) return true;
+    if (!close_link()) return false;
 
+    // The worker is stopped before the pool goes, so it never touches a destroyed pool.
+    running.clear();
+    worker_thread->join();
+    worker_thread.reset();
+    last_reports = stop_upload_pool();
+    WebSocketClient::instance().clear_context();
+    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    publish_stats();
+  }
+  // With no library lock held: a callback may call back in, even connect again.
+  for (const ClipReport& r : last_reports) report_clip(r.clip, r.state, r.message);
+  return true;
+}
+
+bool Messaging::close_link() {
   WebSocketClient& link = WebSocketClient::instance();
   bool closed = false;
   try {
@@ -121,21 +149,12 @@ bool Messaging::disconnect() {
     while (!(closed = !link.is_connected()) && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(kPassSleep);
   }
-  if (!closed) {
-    zel_log(LOG_ERR, "Disconnect future timeout reached.\n");
-    return false;
-  }
-
-  // The worker is stopped before the pool goes, so it never touches a destroyed pool.
-  running.clear();
-  worker_thread->join();
-  worker_thread.reset();
-  stop_upload_pool();
-  link.clear_context();
-  return true;
+  if (!closed) zel_log(LOG_ERR, "Disconnect future timeout reached.\n");
+  return closed;
 }
 
 void Messaging::worker() {
+  set_thread_role(ThreadRole::WORKER);
   WebSocketClient& link = WebSocketClient::instance();
   while (running.test_and_set()) {
     std::this_thread::sleep_for(kPassSleep);
@@ -143,7 +162,11 @@ void Messaging::worker() {
       zel_log(LOG_NOTICE, "service_socket failed, waiting to retry\n");
       std::this_thread::sleep_for(kRetrySleep);
     }
-    if (!link.is_connected()) continue;
+    if (!link.is_connected()) {
+      std::lock_guard<std::recursive_mutex> lock(work_mutex);
+      run_stage("publish_stats", [this] { publish_stats(); });
+      continue;
+    }
     if (ratelimit(&ping_stamp, kPingPeriod)) run_stage("ping", [this] { ping(); });
 
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
@@ -153,16 +176,28 @@ void Messaging::worker() {
     run_stage("process_inbound", [this] { process_inbound(); });
     run_stage("manage_upload_threads", [this] { manage_upload_threads(); });
     run_stage("expire_clip", [this] { expire_clip(); });
+    run_stage("publish_stats", [this] { publish_stats(); });
   }
 }
 
 void Messaging::on_connect() {
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats.link_up = true;
+    ++published_stats.connections;
+    published_stats.last_connected_at = time_now();
+  }
   send_version_to_cloud();
   for (const std::string& id : cameras) send_camera_to_cloud(id);
   if (on_connect_cb) on_connect_cb();
 }
 
 void Messaging::on_disconnect() {
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats.link_up = false;
+    published_stats.last_disconnected_at = time_now();
+  }
   if (on_disconnect_cb) on_disconnect_cb();
 }
 

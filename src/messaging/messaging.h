@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "clips/pending_clip.h"
 #include "foundation/envelope.h"
@@ -23,6 +24,14 @@
 namespace zel {
 
 class UploaderCluster;
+struct UploadStatus;
+
+// A clip state to hand to the host once no library lock is held any more.
+struct ClipReport {
+  ClipInfo clip;
+  int state = 0;
+  std::string message;
+};
 // Lets Messaging hold the pool without every stage seeing the pool's definition.
 struct UploaderClusterDeleter {
   void operator()(UploaderCluster* cluster) const;
@@ -45,6 +54,12 @@ class Messaging {
   void register_cloud_status(std::function<void(CloudStatus)> cb);
   void cloud_status(CloudStatus s);
   void set_upload_threads(unsigned n);
+
+  // Statistics (messaging/). stats() never waits for the worker's pass.
+  CloudStats stats();
+  void publish_stats();  // worker, with work_mutex held
+  void count_clip_state(int state);
+  void count_upload_status(const UploadStatus& status);
 
   // Inbound processing and keep-alive (messaging/).
   void process_inbound();
@@ -87,7 +102,9 @@ class Messaging {
   void manage_upload_threads();
   void expire_clip();
   void start_upload_pool(const std::string& ca_path);
-  void stop_upload_pool();
+  // Ends every upload at once and joins the upload threads without holding work_mutex;
+  // returns the clip states still to report, for the caller to deliver unlocked.
+  std::vector<ClipReport> stop_upload_pool();
 
   // Read by the request handlers.
   const std::string& get_version_json() const { return version_json; }
@@ -115,7 +132,12 @@ class Messaging {
   Messaging(const Messaging&) = delete;
   Messaging& operator=(const Messaging&) = delete;
 
-  bool on_worker_thread() const;
+  // True (after a log line) when the calling thread may not connect, disconnect or
+  // resize the pool: it is a library thread, or inside a host callback.
+  bool refuse_lifecycle_call(const char* verb) const;
+  bool close_link();
+  // Moves clips through the tables by their upload states; the reports come back in order.
+  std::vector<ClipReport> apply_upload_statuses(const std::vector<UploadStatus>& statuses);
   void apply_identity(const CloudConnect& cc);
   void hand_to_pool(PendingClip& pending);
   void report_clip(const ClipInfo& clip, int state, const std::string& message);
@@ -124,6 +146,7 @@ class Messaging {
   // Atomic only so that tests may watch it; the worker is its one writer.
   std::atomic<int32_t> missed_pongs{0};
   uint32_t ping_stamp = 0;
+  // The pool size and the pending limit; what the host set survives a reconnection.
   uint32_t upload_threads = 1;
   std::atomic_flag running = ATOMIC_FLAG_INIT;
   std::string version = "22.1.0";
@@ -142,6 +165,9 @@ class Messaging {
   std::deque<EventInfo> event_queue;
   std::deque<AccessEventInfo> access_event_queue;
   std::recursive_mutex work_mutex;
+  // Guards published_stats alone: held for a copy or a count, never while calling out.
+  std::mutex stats_mutex;
+  CloudStats published_stats;
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;

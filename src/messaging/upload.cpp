@@ -1,7 +1,10 @@
-// The host's facade: every operation forwards to the Messaging singleton.
+// The host's facade: every operation forwards to the Messaging singleton, the logger or
+// the upload rate limiter.
 #include "zel/upload.h"
 
+#include "foundation/log.h"
 #include "messaging/messaging.h"
+#include "upload/rate_limiter.h"
 
 namespace zel {
 
@@ -61,5 +64,17 @@ void Upload::send_action_scheduler(const std::string& action_scheduler_uuid,
 }
 
 void Upload::set_upload_threads(unsigned n) { Messaging::get().set_upload_threads(n); }
+
+CloudStats Upload::stats() { return Messaging::get().stats(); }
+
+void Upload::register_log(std::function<void(int, const std::string&)> cb) {
+  set_log_callback(std::move(cb));
+}
+
+void Upload::set_log_levels(int levels) { zel::set_log_levels(levels); }
+
+void Upload::set_upload_rate_limit(uint64_t bytes_per_second) {
+  upload_rate_limiter().set_rate(bytes_per_second);
+}
 
 }  // namespace zel

@@ -3,6 +3,7 @@
 // transfer writes into the first three fields, on the upload thread only.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -28,6 +29,7 @@ struct UploadData {
   int32_t timeout_s = 30;           // whole-transfer limit, also counted from queuing
   UploadProgressCallback progress;  // a non-zero result aborts; may be empty
   int64_t expected_size = -1;       // the clip's size at intake; negative: not checked
+  const std::atomic<bool>* cancelled = nullptr;  // the pool's stop: ends the transfer when set
 };
 
 struct UploadResult {

@@ -6,6 +6,9 @@
 
 namespace zel {
 
+// The outcome of every upload that disconnect ends, running or still queued.
+constexpr const char* kUploadInterrupted = "Upload interrupted by disconnect";
+
 struct UploadStatus {
   std::string key;      // camera MAC followed by the decimal start second
   std::string message;  // "" for the start notice, the uploader's text otherwise

@@ -12,7 +12,10 @@
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "upload/curl_trace.h"
+#include "upload/rate_limiter.h"
 #include "upload/streaming_crypto.h"
+#include "upload/upload_status.h"
 
 namespace zel {
 
@@ -20,12 +23,19 @@ namespace {
 
 // An error document is short; anything past this is not worth keeping.
 constexpr size_t kMaxBody = size_t{64} * 1024;
+// A transfer that sends nothing for this long is dead, whatever its whole-transfer limit:
+// a peer that stopped reading, or never answers, would otherwise hold its thread for ever.
+constexpr int64_t kStallSeconds = 60;
 
-// What the progress check works on: the job, and room for a failure of the application's
-// progress function, which must not unwind through libcurl.
+// What the progress check works on: the job, what it last saw sent and when, and why it
+// ended the transfer (a failure of the application's progress function must not unwind
+// through libcurl).
 struct Transfer {
   UploadData* d = nullptr;
-  std::string callback_error;
+  StreamingCrypto* crypto = nullptr;
+  int64_t last_sent = -1;
+  int64_t last_sent_at = 0;
+  std::string abort_reason;
 };
 
 struct SlistFree {
@@ -73,35 +83,56 @@ void Uploader::init_handle() {
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   if (std::getenv("ZEL_DEBUG") != nullptr) {
     curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &curl_trace);
   }
 }
 
-size_t Uploader::read_callback(char* buffer, size_t size, size_t nitems, void* crypto) {
-  auto* c = static_cast<StreamingCrypto*>(crypto);
-  size_t n = c->stream_to(buffer, size * nitems);
-  return c->is_good() ? n : CURL_READFUNC_ABORT;
+size_t Uploader::read_callback(char* buffer, size_t size, size_t nitems, void* transfer) {
+  auto* t = static_cast<Transfer*>(transfer);
+  size_t allowed;
+  // Under a cap, wait here for this thread's share; the pool's stop still ends it.
+  while ((allowed = upload_rate_limiter().take(size * nitems)) == 0) {
+    if (t->d->cancelled != nullptr && *t->d->cancelled) {
+      t->abort_reason = kUploadInterrupted;
+      return CURL_READFUNC_ABORT;
+    }
+  }
+  size_t n = t->crypto->stream_to(buffer, allowed);
+  return t->crypto->is_good() ? n : CURL_READFUNC_ABORT;
 }
 
 int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off_t ultotal,
                                 curl_off_t ulnow) {
   auto* t = static_cast<Transfer*>(transfer);
   UploadData& d = *t->d;
+  if (d.cancelled != nullptr && *d.cancelled) {
+    t->abort_reason = kUploadInterrupted;
+    return 1;
+  }
   // Counted from queuing, not from the start of the transfer: a clip that waited long for
   // a free thread has less time left.
-  int64_t elapsed = static_cast<int64_t>(time_now()) - d.start;
+  const int64_t now = time_now();
+  const int64_t elapsed = now - d.start;
   if (elapsed == d.last_elapsed) {
     return d.aborted;  // once per second is enough
   }
   d.last_elapsed = elapsed;
+  if (ulnow != t->last_sent) {
+    t->last_sent = ulnow;
+    t->last_sent_at = now;
+  } else if (now - t->last_sent_at >= kStallSeconds) {
+    t->abort_reason = "Upload stalled: nothing sent for " + std::to_string(kStallSeconds) + " seconds";
+    return 1;
+  }
   if (d.progress) {
     try {
       d.aborted = d.progress(d.camera_mac, static_cast<int>(elapsed), static_cast<int64_t>(ultotal),
                              static_cast<int64_t>(ulnow)) != 0;
     } catch (const std::exception& e) {
-      t->callback_error = e.what();
+      t->abort_reason = std::string("Progress function failed: ") + e.what();
       d.aborted = true;
     } catch (...) {
-      t->callback_error = "unknown exception";
+      t->abort_reason = "Progress function failed: unknown exception";
       d.aborted = true;
     }
     return d.aborted;
@@ -156,6 +187,9 @@ std::string Uploader::service_error_code() const {
 }
 
 UploadResult Uploader::upload(UploadData& d) {
+  if (d.cancelled != nullptr && *d.cancelled) {
+    return {false, 0, kUploadInterrupted};
+  }
   uploader_global_init();
   if (handle == nullptr) {
     init_handle();
@@ -208,11 +242,13 @@ UploadResult Uploader::upload(UploadData& d) {
 
   Transfer transfer;
   transfer.d = &d;
+  transfer.crypto = &crypto;
+  transfer.last_sent_at = time_now();
   response_body.clear();
   error_code_header.clear();
 
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(handle, CURLOPT_READDATA, &crypto);
+  curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Uploader::read_callback);
   curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, size);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(d.timeout_s > 0 ? d.timeout_s : 0));
@@ -239,22 +275,30 @@ UploadResult Uploader::upload(UploadData& d) {
   headers.reset();
 
   if (code >= 200 && code <= 299 && res != CURLE_ABORTED_BY_CALLBACK) {
-    curl_off_t speed = 0;
-    curl_off_t total_us = 0;
-    curl_easy_getinfo(handle, CURLINFO_SPEED_UPLOAD_T, &speed);
-    curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &total_us);
+    double speed = 0;
+    double total_s = 0;
+    // The fractional figures, not the whole-number _T forms: a short upload's speed and
+    // time would read as 0.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    curl_easy_getinfo(handle, CURLINFO_SPEED_UPLOAD, &speed);
+#pragma GCC diagnostic pop
+    curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME, &total_s);
     std::ostringstream message;
+    // Without the query: it is the shared-access signature, a secret.
     message << "Uploaded: " << d.path << "\n"
-            << "To: " << url << "\n"
-            << "Speed: " << static_cast<double>(speed) * 0.0009765625 << " kbytes/sec during "
-            << static_cast<double>(total_us) / 1e6 << " seconds";
+            << "To: " << without_query(url) << "\n"
+            << "Speed: " << speed * 0.0009765625 << " kbytes/sec during " << total_s
+            << " seconds";
     return {true, static_cast<uint64_t>(size), message.str()};
   }
 
   std::string message = std::string("curl_easy_perform() failed: ") + curl_easy_strerror(res);
-  if (res == CURLE_ABORTED_BY_CALLBACK) {
-    if (!transfer.callback_error.empty()) {
-      message += " - Progress function failed: " + transfer.callback_error;
+  if (transfer.abort_reason == kUploadInterrupted) {
+    message = kUploadInterrupted;
+  } else if (res == CURLE_ABORTED_BY_CALLBACK) {
+    if (!transfer.abort_reason.empty()) {
+      message += " - " + transfer.abort_reason;
     } else {
       message += d.aborted ? " - User aborted" : " - Error while encrypting file";
     }

@@ -34,7 +34,7 @@ class Uploader {
   // Number of easy handles made so far: a new one after a failure or an account change.
   unsigned handles_made() const { return handle_count; }
 
-  static size_t read_callback(char* buffer, size_t size, size_t nitems, void* crypto);
+  static size_t read_callback(char* buffer, size_t size, size_t nitems, void* transfer);
   static int progress_callback(void* transfer, curl_off_t dltotal, curl_off_t dlnow,
                                curl_off_t ultotal, curl_off_t ulnow);
 

@@ -14,7 +14,7 @@ UploaderCluster::UploaderCluster(const std::string& ca) : ca_file(ca) {
   set_size(1);
 }
 
-UploaderCluster::~UploaderCluster() { set_size(0); }
+UploaderCluster::~UploaderCluster() { stop(); }
 
 void UploaderCluster::upload(const PendingClip& clip) {
   auto d = std::make_shared<UploadData>();
@@ -35,6 +35,7 @@ void UploaderCluster::upload(const PendingClip& clip) {
   d->timeout_s = clip.opts.confirm_timeout;
   d->progress = clip.opts.upload_callback;
   d->expected_size = clip.clip.size;
+  d->cancelled = &cancelled;
   std::lock_guard<std::mutex> lock(queue_mutex);
   queue.push_back(std::move(d));
   work_ready.notify_one();
@@ -55,6 +56,10 @@ void UploaderCluster::add_upload_status(const UploadStatus& status) {
 }
 
 std::vector<UploadStatus> UploaderCluster::get_statuses() {
+  {
+    std::lock_guard<std::mutex> lock(pool_mutex);
+    reap_retired();
+  }
   std::vector<UploadStatus> taken;
   std::lock_guard<std::mutex> lock(queue_mutex);
   taken.swap(statuses);
@@ -63,22 +68,41 @@ std::vector<UploadStatus> UploaderCluster::get_statuses() {
 
 void UploaderCluster::set_size(unsigned n) {
   std::lock_guard<std::mutex> lock(pool_mutex);
-  if (pool_size >= n) {
-    // Tell every thread that goes to stop first, then join them: their uploads in
-    // progress finish side by side instead of one after the other.
-    for (size_t i = n; i < threads.size(); ++i) {
-      threads[i]->request_stop();
-    }
-    while (threads.size() > n) {
-      threads.pop_back();
-    }
-    pool_size = n;
-  } else {
-    while (threads.size() < n) {
-      threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
-    }
-    pool_size = static_cast<unsigned>(threads.size());
+  reap_retired();
+  while (threads.size() > n) {
+    threads.back()->request_stop();
+    retired.push_back(std::move(threads.back()));
+    threads.pop_back();
   }
+  while (threads.size() < n) {
+    threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+  }
+  pool_size = n;
+}
+
+void UploaderCluster::reap_retired() {
+  for (auto it = retired.begin(); it != retired.end();) {
+    if ((*it)->has_finished()) {
+      it = retired.erase(it);  // the destructor joins a thread that has already returned
+    } else {
+      ++it;
+    }
+  }
+}
+
+void UploaderCluster::stop() {
+  cancelled = true;
+  std::vector<std::shared_ptr<UploaderThread>> ending;
+  {
+    std::lock_guard<std::mutex> lock(pool_mutex);
+    ending.swap(threads);
+    for (auto& t : retired) ending.push_back(std::move(t));
+    retired.clear();
+    pool_size = 0;
+  }
+  // Tell every thread first, then join: they wind down side by side.
+  for (auto& t : ending) t->request_stop();
+  ending.clear();
 }
 
 unsigned UploaderCluster::size() {

@@ -3,6 +3,7 @@
 // queues clips, collects statuses once per pass, and sizes the pool.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -23,7 +24,7 @@ class UploaderCluster {
  public:
   // Starts one upload thread.
   explicit UploaderCluster(const std::string& ca_file);
-  // Stops and joins every thread (waiting for uploads in progress).
+  // Stops the pool (see stop()).
   ~UploaderCluster();
   UploaderCluster(const UploaderCluster&) = delete;
   UploaderCluster& operator=(const UploaderCluster&) = delete;
@@ -32,9 +33,13 @@ class UploaderCluster {
   void upload(const PendingClip& clip);
   // Takes every status collected so far, in arrival order.
   std::vector<UploadStatus> get_statuses();
-  // Grows or shrinks the pool to n threads. Shrinking waits for the uploads of the
-  // removed threads to finish; set_size(0) leaves queued work in the queue.
+  // Grows or shrinks the pool to n threads and returns at once: a removed thread takes no
+  // new work, finishes its upload in the background and is joined later.
+  // set_size(0) leaves queued work in the queue.
   void set_size(unsigned n);
+  // Ends every upload in progress within about a second (each reports state 7 with
+  // kUploadInterrupted) and joins every thread. Must not run on an upload thread.
+  void stop();
 
   unsigned size();
   // Jobs queued and not yet taken by a thread.
@@ -49,14 +54,20 @@ class UploaderCluster {
   // Pops the oldest job, or null; the caller holds queue_mutex.
   std::shared_ptr<UploadData> get_upload_data();
   void add_upload_status(const UploadStatus& status);
+  // Joins the retired threads that have ended; the caller holds pool_mutex.
+  void reap_retired();
 
   std::string ca_file;
   unsigned pool_size = 0;
   std::vector<std::shared_ptr<UploaderThread>> threads;
+  // Removed by set_size, still finishing an upload; joined once they have ended.
+  std::vector<std::shared_ptr<UploaderThread>> retired;
+  // Read by every transfer's progress check: set, it ends the transfer.
+  std::atomic<bool> cancelled{false};
   std::deque<std::shared_ptr<UploadData>> queue;
   std::vector<UploadStatus> statuses;
   std::mutex queue_mutex;  // guards queue, statuses and every thread's stop flag
-  std::mutex pool_mutex;   // guards threads and pool_size
+  std::mutex pool_mutex;   // guards threads, retired and pool_size
   std::condition_variable work_ready;
 };
 

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "foundation/log.h"
+#include "foundation/thread_role.h"
 #include "upload/upload_data.h"
 #include "upload/uploader.h"
 #include "upload/uploader_cluster.h"
@@ -35,6 +36,11 @@ void UploaderThread::request_stop() {
 }
 
 void UploaderThread::worker() {
+  set_thread_role(ThreadRole::UPLOADER);
+  struct MarkFinished {
+    std::atomic<bool>& flag;
+    ~MarkFinished() { flag = true; }
+  } mark{finished};
   try {
     for (;;) {
       std::shared_ptr<UploadData> item;

@@ -15,7 +15,7 @@ struct UploadData;
 class UploaderThread {
  public:
   UploaderThread(UploaderCluster& cluster, const std::string& ca_file);
-  // Stops the thread and joins it: an upload in progress is finished first.
+  // Stops the thread and joins it: an upload in progress is finished (or cancelled) first.
   ~UploaderThread();
   UploaderThread(const UploaderThread&) = delete;
   UploaderThread& operator=(const UploaderThread&) = delete;
@@ -23,12 +23,15 @@ class UploaderThread {
   // Tells the thread to end once its current upload (if any) is done; it takes no new
   // work after this. Lets the pool stop several threads at once before joining them.
   void request_stop();
+  // True once the thread function has returned, so joining it cannot wait.
+  bool has_finished() const { return finished; }
 
  private:
   void worker();
   void run_one(UploadData& item);
 
   std::atomic<bool> running{false};
+  std::atomic<bool> finished{false};
   std::unique_ptr<std::thread> thread;
   std::unique_ptr<Uploader> uploader;
   UploaderCluster& cluster;

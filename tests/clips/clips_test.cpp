@@ -15,31 +15,6 @@ namespace zt {
 namespace {
 
 constexpr int64_t kStart = 1614600000;  // 2021-03-01T12:00:00Z
-using States = std::vector<int>;
-
-// Every state a clip reports, in order, with its message.
-struct Reports {
-  zel::ClipCallback callback() {
-    return [this](int state, const zel::ClipInfo&, std::string message) {
-      std::lock_guard<std::mutex> lock(mu);
-      seen.emplace_back(state, std::move(message));
-    };
-  }
-  States states() {
-    std::lock_guard<std::mutex> lock(mu);
-    States out;
-    for (const auto& r : seen) out.push_back(r.first);
-    return out;
-  }
-  std::string message(int state) {
-    std::lock_guard<std::mutex> lock(mu);
-    auto it = std::find_if(seen.begin(), seen.end(), [&](const auto& r) { return r.first == state; });
-    return it == seen.end() ? "<never>" : it->second;
-  }
-  bool wait(int state, Ms timeout = 30s) { return eventually([&] { return message(state) != "<never>"; }, timeout); }
-  std::mutex mu;
-  std::vector<std::pair<int, std::string>> seen;
-};
 
 zel::ClipInfo clip(const std::string& path, int64_t start, Reports& r) {
   return {path, "0A1B2C3D4E5F", start, start + 60, static_cast<int64_t>(read_file(path).size()),
@@ -182,7 +157,9 @@ TEST_F(Intake, RecordMessagesKeepTheirFormat) {
 // record-end transactions.
 class Pipeline : public ::testing::Test {
  protected:
-  Cloud cloud{true, "{\"auto_storage\":true,\"auto_ack\":true,\"storage_token\":\"" + storage_token() +
+  void TearDown() override { zel::Upload::set_upload_rate_limit(0), zel::Upload::register_log(nullptr); }
+  const std::string token = storage_token();
+  Cloud cloud{true, "{\"auto_storage\":true,\"auto_ack\":true,\"storage_token\":\"" + token +
                    "\",\"storage_secret\":\"clip-secret-1\"}"};
   zel::CloudConnect cc = [this] { auto cc = cloud.params(); return cc.mac_address = "0011223344AA", cc; }();
   TempDir dir;  // the blob container is the recorder's MAC, lower-cased
@@ -223,6 +200,89 @@ TEST_F(Pipeline, DisconnectEndsClipsHandedToThePool) {
   }
   EXPECT_EQ(stranded.states(), States{7});
   EXPECT_EQ(stranded.message(7), "Upload interrupted by disconnect");
+}
+
+// What a host operating the library sees in the snapshot: a clip's life, a refused upload
+// and a reconnection.
+TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
+  FrozenClock clock;
+  Device device(cloud, cc);
+  Reports done, failed;
+  zel::Upload::upload_clip(clip(dir.file("a.mp4", std::string(4096, 'a')), kStart, done));
+  ASSERT_TRUE(done.wait(zel::CLIP_CONFIRMED));
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"storage_token\":\"" + storage_token("rl") + "\"}"));
+  zel::Upload::upload_clip(clip(dir.file("b.mp4", std::string(4096, 'b')), kStart + 100, failed));
+  ASSERT_TRUE(failed.wait(zel::CLIP_FAILED));
+  std::this_thread::sleep_for(200ms);  // a pass publishes the tables
+  zel::CloudStats s = zel::Upload::stats();
+  EXPECT_EQ((std::vector<int64_t>{s.link_up, s.connections, s.last_disconnected_at, s.clips_uploaded, s.clips_confirmed,
+                                  s.clips_failed, s.bytes_uploaded, s.credentials_held, s.upload_threads}),
+            (std::vector<int64_t>{1, 1, 0, 1, 1, 1, 4112, 1, 1}));  // the failed clip's credentials are kept
+  EXPECT_EQ(s.clips_queued + s.clips_waiting_credentials + s.clips_uploading + s.clips_awaiting_confirmation, 0);
+  EXPECT_EQ(s.last_upload_error, failed.message(zel::CLIP_FAILED));
+  EXPECT_GT(s.last_connected_at * s.last_upload_error_at, 0);
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
+  zel::advance_clock(5);
+  EXPECT_TRUE(cloud.sent("version", 1, 10s));
+  EXPECT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }));
+  EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
+  zel::Upload::disconnect();
+  EXPECT_EQ(zel::Upload::stats().link_up * 10 + zel::Upload::stats().clips_confirmed, 1) << "kept until connect";
+}
+
+// The host's own log gets every line without its newline and with no secret in it, with
+// ZEL_DEBUG libcurl's verbose lines too.
+TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
+  setenv("ZEL_DEBUG", "1", 1);
+  std::mutex mu;
+  std::vector<std::string> lines;
+  zel::Upload::register_log([&](int level, const std::string& line) {
+    std::lock_guard<std::mutex> lock(mu);
+    lines.push_back(std::to_string(level) + "|" + line);
+  });
+  {
+    Device device(cloud, cc);
+    zel::Upload::send_camera_setting("0A1B2C3D4E5F", "big", "\"" + std::string(1048576, 'x') + "\"");
+    Reports r;
+    zel::Upload::upload_clip(clip(dir.file("c.mp4", "c"), kStart, r));
+    ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED));
+    EXPECT_EQ(r.message(5).find("sig="), std::string::npos);
+  }
+  unsetenv("ZEL_DEBUG");
+  zel::Upload::register_log(nullptr);
+  std::lock_guard<std::mutex> lock(mu);
+  for (const std::string& l : lines) {
+    EXPECT_EQ(l.find(token.substr(token.find("sig="))), std::string::npos) << l;
+    EXPECT_EQ(l.find("clip-secret-1"), std::string::npos) << l;
+    EXPECT_NE(l.back(), '\n');
+  }
+  auto has = [&](const std::string& head, const std::string& part) {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& l) { return l.rfind(head, 0) == 0 && l.find(part) != std::string::npos; });
+  };
+  EXPECT_TRUE(has("4|Attempting to connect to messaging server...", ""));
+  EXPECT_TRUE(has("2|Payload(", ") bigger than buffer(1048576), skipping"));
+  EXPECT_TRUE(has("4|> PUT /", "")) << "libcurl's verbose lines were expected";
+}
+
+TEST_F(Pipeline, CapHoldsASingleUpload) {
+  Device device(cloud, cc);
+  constexpr uint64_t kCap = 1 << 20;
+  zel::Upload::set_upload_rate_limit(kCap);
+  std::mutex mu;
+  std::vector<std::pair<std::chrono::steady_clock::time_point, int64_t>> samples;
+  zel::UploadOpts opts{1, 10, 30, [&](const std::string&, int, int64_t, int64_t sent) {
+                         std::lock_guard<std::mutex> lock(mu);
+                         return samples.emplace_back(std::chrono::steady_clock::now(), sent), 0;
+                       }};
+  Reports r;
+  zel::Upload::upload_clip(clip(dir.file("cap.mp4", std::string(8 * kCap, 'c')), kStart, r), opts);
+  ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED, 20s));
+  std::lock_guard<std::mutex> lock(mu);
+  ASSERT_GE(samples.size(), 6u);  // from the first sample to the one 5 s later: the rate allowed
+  double rate = (samples[5].second - samples[0].second) /
+                std::chrono::duration<double>(samples[5].first - samples[0].first).count();
+  EXPECT_NEAR(rate, kCap, 0.15 * kCap);
 }
 
 }  // namespace

@@ -205,6 +205,30 @@ std::string with_device_type(std::string text, const std::string& type) {
   return text.insert(text.find(",\"content\":"), ",\"fromDeviceType\":\"" + type + "\"");
 }
 
+zel::ClipCallback Reports::callback() {
+  return [this](int state, const zel::ClipInfo&, std::string message) {
+    std::lock_guard<std::mutex> lock(mu);
+    seen.emplace_back(state, std::move(message));
+  };
+}
+
+States Reports::states() {
+  std::lock_guard<std::mutex> lock(mu);
+  States out;
+  for (const auto& r : seen) out.push_back(r.first);
+  return out;
+}
+
+std::string Reports::message(int state) {
+  std::lock_guard<std::mutex> lock(mu);
+  auto it = std::find_if(seen.begin(), seen.end(), [&](const auto& r) { return r.first == state; });
+  return it == seen.end() ? "<never>" : it->second;
+}
+
+bool Reports::wait(int state, Ms timeout) {
+  return eventually([&] { return message(state) != "<never>"; }, timeout);
+}
+
 LogCapture::LogCapture() {
   zel::set_log_observer([this](int level, const std::string& line) {
     std::lock_guard<std::mutex> lock(mu);

@@ -94,6 +94,17 @@ std::string envelope(const std::string& to, const std::string& subject, const st
                      const std::string& reply_to = "");
 std::string with_device_type(std::string envelope_text, const std::string& type);
 
+using States = std::vector<int>;
+// Every state a clip reports, in order, with its message.
+struct Reports {
+  zel::ClipCallback callback();
+  States states();
+  std::string message(int state);  // "<never>" when not reported
+  bool wait(int state, Ms timeout = 30s);
+  std::mutex mu;
+  std::vector<std::pair<int, std::string>> seen;
+};
+
 // The library's log lines while it lives, each as "<level>|<line>".
 struct LogCapture {
   LogCapture();

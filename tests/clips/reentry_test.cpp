@@ -1,0 +1,146 @@
+// Host code that calls back into the library from its callbacks, and a storage peer that
+// takes the connection and never answers: every call returns or is refused at once, and
+// disconnect stays bounded. A hang trips the watchdog long before the ctest time-out.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "foundation/time_utils.h"
+#include "messaging/messaging.h"
+#include "support/peer.h"
+
+namespace zt {
+namespace {
+
+using zel::Upload;
+
+// Runs fn; if it has not returned within limit the process ends, failing the test.
+void within(std::chrono::seconds limit, const std::function<void()>& fn) {
+  auto done = std::async(std::launch::async, fn);
+  if (done.wait_for(limit) != std::future_status::ready) std::fprintf(stderr, "watchdog\n"), std::_Exit(1);
+}
+
+class Reentry : public ::testing::Test {
+ protected:
+  // Storage that takes connections (the kernel does, from the backlog) and never reads.
+  void SetUp() override {
+    sockaddr_in a{};
+    a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(silent, reinterpret_cast<sockaddr*>(&a), len), listen(silent, 16);
+    getsockname(silent, reinterpret_cast<sockaddr*>(&a), &len);
+    setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(ntohs(a.sin_port))).c_str(), 1);
+  }
+  void TearDown() override { close(silent), zel::Messaging::get().reset_for_tests(); }
+  zel::ClipInfo clip(int64_t start, Reports& r) { return {path, "0A1B2C3D4E5F", start, start + 60, 4096, {}, "", r.callback()}; }
+  void connect() {
+    EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, nullptr, {}));
+    EXPECT_TRUE(cloud.sent("version", connects++, 10s));
+  }
+  void disconnect_within_bound() {
+    within(40s, [] {
+      auto t0 = std::chrono::steady_clock::now();
+      EXPECT_TRUE(Upload::disconnect());
+      EXPECT_LT(std::chrono::steady_clock::now() - t0, 32s);
+    });
+  }
+  int silent = socket(AF_INET, SOCK_STREAM, 0);
+  Cloud cloud{true, "{\"auto_storage\":true}"};
+  LogCapture log;
+  TempDir dir;
+  const std::string path = dir.file("reentry.bin", std::string(4096, 'r'));
+  size_t connects = 0;
+  const zel::UploadOpts no_limit{0, 10, 0, {}};
+};
+
+TEST_F(Reentry, ProgressFunctionCallsInAndDisconnectStillEnds) {
+  connect();
+  std::atomic<int> calls{0}, refused{0};
+  zel::UploadOpts opts = no_limit;
+  opts.upload_callback = [&](const std::string&, int, int64_t, int64_t) {
+    if (calls >= 2) return 0;
+    Upload::clear_queued_clips();
+    Upload::upload_event(zel::EventInfo{1, "0a1b2c3d4e5f", 1614600000, 1614600010, ""});
+    refused += !Upload::disconnect() + !Upload::stop() + !Upload::connect(cloud.params(), nullptr, nullptr, {});
+    Upload::set_upload_threads(0);
+    return ++calls, 0;
+  };
+  Reports r;
+  Upload::upload_clip(clip(1614600000, r), opts);
+  ASSERT_TRUE(r.wait(zel::CLIP_UPLOADING, 10s));
+  ASSERT_TRUE(eventually([&] { return calls >= 2; }));
+  EXPECT_EQ(refused, 3 * calls);
+  EXPECT_GE(log.count("1|Can't resize the upload pool from an upload thread\n"), 2u);
+  disconnect_within_bound();
+  EXPECT_EQ(r.states().back(), zel::CLIP_FAILED);
+  EXPECT_EQ(r.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
+}
+
+TEST_F(Reentry, StalledUploadFailsAndFreesItsSlot) {
+  connect();
+  Reports first, second;
+  Upload::upload_clip(clip(1614600000, first), no_limit);
+  Upload::upload_clip(clip(1614600100, second), no_limit);
+  ASSERT_TRUE(first.wait(zel::CLIP_UPLOADING, 10s));
+  std::this_thread::sleep_for(1500ms);  // the progress check takes its first sample
+  zel::advance_clock(61);
+  EXPECT_TRUE(first.wait(zel::CLIP_FAILED, 5s));
+  EXPECT_NE(first.message(zel::CLIP_FAILED).find("stalled"), std::string::npos) << first.message(7);
+  EXPECT_TRUE(second.wait(zel::CLIP_UPLOADING, 5s));
+  zel::advance_clock(-61);
+  disconnect_within_bound();
+}
+
+TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
+  connect();
+  Upload::set_upload_threads(3);
+  disconnect_within_bound();
+  connect();
+  Reports r[3];
+  for (int i = 0; i < 3; ++i) Upload::upload_clip(clip(1614600000 + 100 * i, r[i]), no_limit);
+  for (auto& one : r) EXPECT_TRUE(one.wait(zel::CLIP_UPLOADING, 10s));
+  auto t0 = std::chrono::steady_clock::now();
+  Upload::set_upload_threads(1);  // three uploads are stuck; none is waited for
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 1s);
+  disconnect_within_bound();
+  for (auto& one : r) EXPECT_EQ(one.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
+}
+
+TEST_F(Reentry, ClipCallbackCallingConnectDuringDisconnect) {
+  connect();
+  std::atomic<int> answered{0};
+  Reports r;
+  zel::ClipInfo c = clip(1614600000, r);
+  c.callback = [&, record = r.callback()](int state, const zel::ClipInfo& info, std::string m) {
+    if (state == zel::CLIP_FAILED) answered += Upload::connect(cloud.params(), nullptr, nullptr, {}) ? 2 : 1;
+    record(state, info, m);
+  };
+  Upload::upload_clip(c, no_limit);
+  ASSERT_TRUE(r.wait(zel::CLIP_UPLOADING, 10s));
+  disconnect_within_bound();
+  EXPECT_EQ(answered, 1);  // refused at once, with its log line
+  EXPECT_EQ(log.count("1|Can't connect from a callback, use different thread\n"), 1u);
+}
+
+// Host threads report while another cycles connect and disconnect: the identity that
+// connect writes is read under the same lock (ThreadSanitizer judges).
+TEST_F(Reentry, ReportsRaceConnectAndDisconnect) {
+  std::atomic<bool> stop{false};
+  auto reporter = [&] {
+    for (; !stop; std::this_thread::sleep_for(1ms)) {
+      Upload::register_camera("0A1B2C3D4E5F");
+      Upload::send_camera_setting("0A1B2C3D4E5F", "name", "\"x\"");
+      Upload::cloud_sync();
+    }
+  };
+  std::thread a(reporter), b(reporter);
+  for (int i = 0; i < 3; ++i) connect(), disconnect_within_bound();
+  stop = true;
+  a.join(), b.join();
+}
+
+}  // namespace
+}  // namespace zt
