@@ -1,10 +1,8 @@
-// The clip pipeline: intake checks, the pending limit, credentials, expiry and the record
-// messages on the clip tables at exact boundaries (clock frozen), then whole clips against
-// the messaging server and blob storage, openssl judging the stored bytes.
+// The clip pipeline on its tables at exact boundaries (clock frozen), then whole clips
+// against the local cloud, openssl judging the stored bytes.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <stdexcept>
 
 #include "foundation/time_utils.h"
 #include "handlers/zel_handler.h"
@@ -53,8 +51,8 @@ TEST_F(Intake, ChecksComeInOrderWithTheirMessages) {
   }
 }
 
-// One pending clip per upload thread; credentials that came before their clip left the
-// queue start it in the same pass, kept 240 s under the MAC and start the server gave.
+// One pending clip per upload thread; credentials that came first (kept 240 s under the MAC
+// and start the server gave) start their clip in the same pass.
 TEST_F(Intake, PendingLimitAndCredentialsThatCameFirst) {
   std::string path = dir.file("p.mp4", "0123456789"), key = "0a1b2c3d4e5f" + std::to_string(kStart);
   Reports a, b;
@@ -76,7 +74,7 @@ TEST_F(Intake, ExpiryBoundaries) {
   LogCapture log;
   std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
   const int64_t now = zel::time_now();
-  Reports waited_10, waited_11, late, never;
+  Reports waited_10, waited_11, late;
   auto entry = [&](zel::ClipCallback cb, int64_t age, bool uploaded, int confirm_timeout = 30) {
     zel::PendingClip p;
     p.clip.camera_mac = "cam", p.clip.callback = cb, p.last_change = now - age, p.in_flight = uploaded;
@@ -87,7 +85,6 @@ TEST_F(Intake, ExpiryBoundaries) {
   m.get_pending_clips()["w10"] = entry(waited_10.callback(), 10, false);
   m.get_pending_clips()["w11"] = entry(waited_11.callback(), 11, false);
   m.get_unacked_clips()["late"] = entry(late.callback(), 11, true);
-  m.get_unacked_clips()["never"] = entry(never.callback(), 11, true, 0);  // 0: no confirmation time-out
   m.get_credentials()["a"] = zel::CloudCredentials{"", "", "", "100", "camA", now};
   m.get_credentials()["b"] = zel::CloudCredentials{"", "", "", "200", "camB", now - 1};
   m.expire_clip();
@@ -96,7 +93,6 @@ TEST_F(Intake, ExpiryBoundaries) {
   EXPECT_EQ(waited_11.message(7), "Credentials took more than 10 seconds");
   EXPECT_EQ(late.states(), States{7});  // once only
   EXPECT_EQ(late.message(7), "Upload confirmation took more than 10 seconds");
-  EXPECT_EQ(never.states(), States{});
   EXPECT_EQ(m.get_credentials().count("a") * 10 + m.get_credentials().count("b"), 10u) << "expiring now: kept";
   EXPECT_EQ(log.count("2|Credentials for camB/200 expired.\n"), 1u);
 
@@ -112,11 +108,10 @@ TEST_F(Intake, ExpiryBoundaries) {
   EXPECT_EQ(m.get_unacked_clips().size(), 1000u);
   for (const char* key : {"k10001", "k10003", "k10005"}) EXPECT_EQ(m.get_unacked_clips().count(key), 0u) << key;
   EXPECT_EQ(m.get_unacked_clips().count("k10007"), 1u);
-  EXPECT_EQ(log.count("2|Transaction for cam/1 expired.\n"), 1u);
 }
 
-// A clip given again while its confirmation is outstanding asks again; the
-// acknowledgement, keyed by the camera and the ISO start, reaches the clip that was uploaded.
+// A clip given again while unconfirmed asks again; the acknowledgement (keyed by camera and
+// ISO start) reaches the clip that was uploaded.
 TEST_F(Intake, ConfirmationAskedAgainAndAcknowledged) {
   Reports first, again;
   std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
@@ -153,11 +148,10 @@ TEST_F(Intake, RecordMessagesKeepTheirFormat) {
             "\"bytes\":\"4112\"},\"subject\":\"transaction\"}");
 }
 
-// The server answers storage requests with credentials for blob storage and acknowledges
-// record-end transactions.
+// The server hands out blob storage credentials and acknowledges record-end transactions.
 class Pipeline : public ::testing::Test {
  protected:
-  void TearDown() override { zel::Upload::set_upload_rate_limit(0), zel::Upload::register_log(nullptr); }
+  void TearDown() override { zel::Upload::register_log(nullptr); }
   const std::string token = storage_token();
   Cloud cloud{true, "{\"auto_storage\":true,\"auto_ack\":true,\"storage_token\":\"" + token +
                    "\",\"storage_secret\":\"clip-secret-1\"}"};
@@ -166,44 +160,20 @@ class Pipeline : public ::testing::Test {
 };
 
 TEST_F(Pipeline, OneClipRunsFromIntakeToConfirmation) {
-  LogCapture log;
   Device device(cloud, cc);
   std::string path = dir.file("whole.mp4", random_bytes(100000, 7));
   Reports r;
-  zel::ClipInfo c = clip(path, kStart, r);
-  c.callback = [record = r.callback()](int state, const zel::ClipInfo& info, std::string message) {
-    record(state, info, message);
-    if (state == zel::CLIP_UPLOADING) throw std::runtime_error("host bug");  // changes nothing
-  };
-  zel::Upload::upload_clip(c);
+  zel::Upload::upload_clip(clip(path, kStart, r));
   ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED)) << r.message(zel::CLIP_FAILED);
   EXPECT_EQ(r.states(), (States{0, 2, 3, 4, 5, 6}));
   EXPECT_EQ(r.message(5).rfind("Uploaded: " + path + "\nTo: https://devstoreaccount1.blob.localhost:", 0), 0u);
-  EXPECT_EQ(log.count("1|Clip callback for 0a1b2c3d4e5f/1614600000 (state 4) failed: host bug\n"), 1u);
-  EXPECT_NE(cloud.sent("storage_access_request").value_or("").find("\"to\":\"zel-inbound\""), std::string::npos);
   Event blob = storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/1614600000.mp4\"}");
   EXPECT_EQ(blob.str("sha256"), sha256_hex(openssl_enc(path, "clip-secret-1")));
   EXPECT_NE(cloud.sent("transaction").value_or("").find("\"model\":\"archive\""), std::string::npos);
   EXPECT_TRUE(zel::Messaging::get().get_unacked_clips().empty());
 }
 
-// No clip keeps a pending slot for an upload that will never report, past a disconnect.
-TEST_F(Pipeline, DisconnectEndsClipsHandedToThePool) {
-  Reports stranded;
-  {
-    Device device(cloud, cc);
-    zel::Messaging& m = zel::Messaging::get();
-    std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
-    zel::PendingClip p;  // handed to the pool, no outcome yet
-    p.in_flight = true, p.clip.callback = stranded.callback();
-    m.get_pending_clips()["cam1"] = p;
-  }
-  EXPECT_EQ(stranded.states(), States{7});
-  EXPECT_EQ(stranded.message(7), "Upload interrupted by disconnect");
-}
-
-// What a host operating the library sees in the snapshot: a clip's life, a refused upload
-// and a reconnection.
+// The snapshot through a clip's life, a refused upload and a reconnection.
 TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   FrozenClock clock;
   Device device(cloud, cc);
@@ -223,15 +193,11 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_GT(s.last_connected_at * s.last_upload_error_at, 0);
   EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
   zel::advance_clock(5);
-  EXPECT_TRUE(cloud.sent("version", 1, 10s));
-  EXPECT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }));
+  EXPECT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }, 10s));
   EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
-  zel::Upload::disconnect();
-  EXPECT_EQ(zel::Upload::stats().link_up * 10 + zel::Upload::stats().clips_confirmed, 1) << "kept until connect";
 }
 
-// The host's own log gets every line without its newline and with no secret in it, with
-// ZEL_DEBUG libcurl's verbose lines too.
+// The host's own log: every line without its newline, none with a secret, libcurl's too.
 TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
   setenv("ZEL_DEBUG", "1", 1);
   std::mutex mu;
@@ -242,7 +208,6 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
   });
   {
     Device device(cloud, cc);
-    zel::Upload::send_camera_setting("0A1B2C3D4E5F", "big", "\"" + std::string(1048576, 'x') + "\"");
     Reports r;
     zel::Upload::upload_clip(clip(dir.file("c.mp4", "c"), kStart, r));
     ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED));
@@ -261,28 +226,7 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
                        [&](const std::string& l) { return l.rfind(head, 0) == 0 && l.find(part) != std::string::npos; });
   };
   EXPECT_TRUE(has("4|Attempting to connect to messaging server...", ""));
-  EXPECT_TRUE(has("2|Payload(", ") bigger than buffer(1048576), skipping"));
   EXPECT_TRUE(has("4|> PUT /", "")) << "libcurl's verbose lines were expected";
-}
-
-TEST_F(Pipeline, CapHoldsASingleUpload) {
-  Device device(cloud, cc);
-  constexpr uint64_t kCap = 1 << 20;
-  zel::Upload::set_upload_rate_limit(kCap);
-  std::mutex mu;
-  std::vector<std::pair<std::chrono::steady_clock::time_point, int64_t>> samples;
-  zel::UploadOpts opts{1, 10, 30, [&](const std::string&, int, int64_t, int64_t sent) {
-                         std::lock_guard<std::mutex> lock(mu);
-                         return samples.emplace_back(std::chrono::steady_clock::now(), sent), 0;
-                       }};
-  Reports r;
-  zel::Upload::upload_clip(clip(dir.file("cap.mp4", std::string(8 * kCap, 'c')), kStart, r), opts);
-  ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED, 20s));
-  std::lock_guard<std::mutex> lock(mu);
-  ASSERT_GE(samples.size(), 6u);  // from the first sample to the one 5 s later: the rate allowed
-  double rate = (samples[5].second - samples[0].second) /
-                std::chrono::duration<double>(samples[5].first - samples[0].first).count();
-  EXPECT_NEAR(rate, kCap, 0.15 * kCap);
 }
 
 }  // namespace

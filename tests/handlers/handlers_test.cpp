@@ -1,5 +1,4 @@
-// The server's requests and their answers, the dispatcher called as inbound processing calls
-// it: reply bodies, host callbacks, files written.
+// The server's requests through the dispatcher: reply bodies, host callbacks, files written.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -49,7 +48,6 @@ TEST_F(Dispatch, AnswersBySubject) {
   } rows[] = {
       {"pong", "not json", true, ""},
       {"setSshPassword", "{\"password\":\"s3cret\"}", true, "\"OK\""},
-      {"transactionAck", "[1,2]", true, "\"OK\""},
       {"Pong", "{}", false, not_supported + "Pong\"}"},
       {"getStorageAccess", "{not json", false, kCouldNotParse},
       {"issueCertificate", "{}", false, kCouldNotParse},
@@ -81,7 +79,6 @@ TEST_F(Dispatch, HostCallbacksGetTheFields) {
       {"actions {\"options\":{\"device\":\"door-3\"}}", "door-3"},
       {"action {\"device\":\"relay-2\",\"action\":\"open\",\"value\":\"on\"}", "relay-2|open|\"on\""},
       {"action {\"action\":\"set\",\"value\": { \"level\" : 3 }}", "|set|{\"level\":3}"},
-      {"action {\"action\":5,\"device\":[\"d\"]}", "||"},
       {"update {\"url\":\"u1\",\"hash\":\"h1\",\"device\":\"nvr\",\"reserved\":\"r\"}", "u1|h1|nvr|"},
       {"updateFirmware {\"url\":\"u2\",\"hash\":7}", "u2|||"},
   };

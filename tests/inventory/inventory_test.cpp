@@ -1,5 +1,4 @@
-// What the device tells the cloud about its hardware: the JSON of the item kinds, and
-// each announcement on the wire.
+// What the device tells the cloud about its hardware, item by item and on the wire.
 #include <gtest/gtest.h>
 
 #include "support/peer.h"

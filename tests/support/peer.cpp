@@ -83,7 +83,7 @@ Peer::Peer(const std::string& program, const std::vector<std::string>& args) {
   });
   auto up = wait([](const Event& e) { return e.kind == "listening"; }, 0, 60s);
   if (!up) throw std::runtime_error(program + " did not start");
-  listening_ = *up;
+  up_ = *up;
 }
 
 Peer::~Peer() {

@@ -1,6 +1,5 @@
-// The local cloud as the tests meet it: tools/cloud programs run as Peers in machine mode
-// (JSON lines: commands on standard input, events on standard output), the device connected
-// to it, and the texts, files and logs the tests compare.
+// The local cloud: tools/cloud programs as Peers in machine mode (JSON lines, commands in,
+// events out), the device connected to it, and the texts, files and logs tests compare.
 #pragma once
 
 #include <sys/types.h>
@@ -37,7 +36,7 @@ class Peer {
   // Runs tools/cloud/<program> and waits for its "listening" event (which names its port).
   Peer(const std::string& program, const std::vector<std::string>& args);
   ~Peer();  // closing its input ends the program
-  const Event& listening() const { return listening_; }
+  const Event& listening() const { return up_; }
   // Sends {"cmd":...} and returns the event answering it (kind "" after the time-out).
   Event command(const std::string& json_object, Ms timeout = 10s);
   // The nth (0-based) event that match accepts, waiting for it at most timeout.
@@ -49,12 +48,12 @@ class Peer {
   pid_t pid_ = -1;
   int in_ = -1;
   long seq_ = 0;
-  std::thread reader_;
+  bool ended_ = false;
+  Event up_;
+  std::vector<Event> events_;
   std::mutex mu_;
   std::condition_variable cv_;
-  std::vector<Event> events_;
-  bool ended_ = false;
-  Event listening_;
+  std::thread reader_;
 };
 
 constexpr const char* kMac = "00:AA:BB:CC:DD:EE";
@@ -87,9 +86,8 @@ struct Device {
   std::atomic<int> connects{0}, disconnects{0};
 };
 
-// The parts of a message that follow the clock as placeholders: "id" digits and "date".
+// Placeholders for what follows the clock ("id" digits, "date"), and a device message so.
 std::string stable(const std::string& text);
-// A message from the device as stable() shows it; reply_to adds "original_id".
 std::string envelope(const std::string& to, const std::string& subject, const std::string& content,
                      const std::string& reply_to = "");
 std::string with_device_type(std::string envelope_text, const std::string& type);
@@ -115,7 +113,7 @@ struct LogCapture {
   std::vector<std::string> lines;
 };
 
-// The library's clock stands still for the test and moves only by zel::advance_clock.
+// The library's clock stands still; it moves only by zel::advance_clock.
 struct FrozenClock {
   FrozenClock();
   ~FrozenClock();

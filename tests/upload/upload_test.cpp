@@ -1,6 +1,5 @@
-// Encryption against the openssl command, the uploader against blob storage (and a
-// recording endpoint for the exact request and answers the emulator never gives), and
-// the upload pool's statuses.
+// Encryption judged by the openssl command, the uploader against blob storage and a
+// recording endpoint, and the upload pool's statuses.
 #include <gtest/gtest.h>
 
 #include "foundation/time_utils.h"
@@ -22,9 +21,7 @@ std::string stream(zel::StreamingCrypto& c, size_t read_size) {
   return out;
 }
 
-// Chosen file and read sizes around the 16-byte block: empty, one block, one byte over,
-// and a large odd file, read a byte at a time, just under, at and over a block, and in
-// big rounds.
+// File and read sizes around the 16-byte block, and a large odd file read in big rounds.
 TEST(Crypto, ChosenSizesMatchTheOpensslCommand) {
   TempDir dir;
   for (size_t file_size : {size_t{0}, size_t{16}, size_t{17}, size_t{3 * 1024 * 1024 + 5}}) {
@@ -65,7 +62,6 @@ class Upload : public ::testing::Test {
 // Every way an upload ends early: the message says which, and nothing is stored.
 TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
   std::string path = dir.file("clip.mp4", random_bytes(200000, 22));
-  LogCapture log;
   struct Row {
     const char* name;
     std::function<void(zel::UploadData&)> spoil;
@@ -79,8 +75,6 @@ TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
          d.start -= 5, d.progress = [](const std::string&, int, int64_t, int64_t) -> int {
            throw std::runtime_error("host bug"); }; },
        kAborted + " - Progress function failed: host bug"},
-      {"file changed", [&](zel::UploadData& d) { d.expected_size = 4000; },
-       "Clip file size changed: expected 4000 got 200000"},
   };
   int64_t start = 1704080000;
   for (const Row& row : rows) {
@@ -93,14 +87,9 @@ TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
     EXPECT_EQ(storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/aabbccddeeff/2024-01-01/" +
                                 std::to_string(start) + ".mp4\"}").num("status"), 404);
   }
-  EXPECT_EQ(log.count("2|Upload failed, service error code AuthorizationPermissionMismatch: " + kFailed +
-                      "No error HTTP Status Code: 403; to https://devstoreaccount1" +
-                      storage().listening().str("blob_domain") +
-                      "/0011223344aa/aabbccddeeff/2024-01-01/1704080001.mp4 from " + path + "\n"), 1u);
 }
 
-// The request as it leaves, seen by an endpoint that records it: with and without waiting
-// for "100 Continue".
+// The request as it leaves, with and without waiting for "100 Continue".
 TEST_F(Upload, RequestAsItLeaves) {
   std::string path = dir.file("clip.mp4", random_bytes(2 * 1024 * 1024 + 3, 32));
   const std::string sha = sha256_hex(openssl_enc(path, kSecret));
@@ -124,8 +113,7 @@ TEST_F(Upload, RequestAsItLeaves) {
   }
 }
 
-// Each clip reports its start, then its outcome, once; statuses are read while the
-// threads write them (a race under ThreadSanitizer).
+// Start, then outcome, once per clip; read while the threads write (for ThreadSanitizer).
 TEST_F(Upload, PoolReportsStartThenOutcomeOnce) {
   std::string path = dir.file("clip.mp4", random_bytes(300000, 41));
   zel::UploaderCluster pool(cert("ca.pem"));
