@@ -73,9 +73,9 @@ plain|clips|src/clips/record_messages.cpp|\"provider\":\"azure\",\"cameraMac\":\
 plain|clips|src/clips/record_messages.cpp|"\",\"upload_end_at\":\""|"\",\"upload_ended_at\":\""
 plain|clips|src/clips/clip_intake.cpp|pending_clips.size() >= upload_threads|pending_clips.size() > upload_threads
 plain|clips|src/clips/clip_intake.cpp|report_clip(pending.clip, CLIP_WAITING_CREDENTIALS, "");|
-plain|clips|src/clips/upload_pool.cpp|report_clip(entry.clip, status.state, status.message);|report_clip(entry.clip, status.state, status.message); report_clip(entry.clip, status.state, status.message);
+plain|clips|src/clips/upload_pool.cpp|reports.push_back({entry.clip, status.state, status.message});|reports.push_back({entry.clip, status.state, status.message}); reports.push_back({entry.clip, status.state, status.message});
 plain|clips|src/clips/clip_intake.cpp|report_clip(clip, CLIP_FAILED, "User cancelled");|report_clip(clip, CLIP_FAILED, "User canceled");
-plain|clips|src/clips/upload_pool.cpp|"Upload interrupted by disconnect"|"Upload interrupted by a disconnect"
+plain|clips|src/upload/upload_status.h|"Upload interrupted by disconnect"|"Upload interrupted by a disconnect"
 plain|clips|src/clips/clip_intake.cpp|return camera_mac + toISOTime(static_cast<long>(start_time));|return camera_mac + std::to_string(start_time);
 plain|clips,upload|src/upload/uploader_thread.cpp|{key, "", 0, CLIP_UPLOADING}|{key, "", 0, CLIP_UPLOAD_STARTED}
 plain|upload|src/upload/streaming_crypto.cpp|encrypted_size = file_size / kBlock * kBlock + kBlock;|encrypted_size = (file_size + kBlock - 1) / kBlock * kBlock;
