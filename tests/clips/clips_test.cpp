@@ -194,7 +194,6 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
   zel::advance_clock(5);
   EXPECT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }, 10s));
-  EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
 }
 
 // The host's own log: every line without its newline, none with a secret, libcurl's too.

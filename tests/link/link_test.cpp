@@ -63,7 +63,8 @@ TEST(Session, ConnectionAttemptsAreFiveSecondsApart) {
   LogCapture log;
   zel::CloudConnect cc;
   cc.server_uri = "wss://127.0.0.1:1/";  // nothing listens there
-  ASSERT_TRUE(zel::Upload::connect(cc, nullptr, nullptr, {}));
+  std::atomic<int> drops{0};  // no link, so nothing to report lost
+  ASSERT_TRUE(zel::Upload::connect(cc, nullptr, [&] { ++drops; }, {}));
   const std::string attempt = "4|Attempting to connect to messaging server...\n";
   EXPECT_TRUE(log.wait("1|Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n"));
   zel::advance_clock(4);
@@ -71,6 +72,7 @@ TEST(Session, ConnectionAttemptsAreFiveSecondsApart) {
   zel::advance_clock(1);
   EXPECT_TRUE(log.wait(attempt, 2));
   EXPECT_TRUE(zel::Upload::disconnect());
+  EXPECT_EQ(drops, 0);
 }
 
 TEST(Session, DisconnectClosesWith4003) {
