@@ -1,12 +1,15 @@
 #!/usr/bin/python3
 """Runs the example NVR host against the local cloud and tells the story of it.
 
-Usage: demo.py --host-binary PATH [--state DIR] [--clip-bytes N] [--no-storage]
+Usage: demo.py --host-binary PATH [--state DIR] [--clip-bytes N] [--no-storage] [--web [PORT]]
 
 It makes certificates under DIR (tools/cloud/state by default), starts the messaging
 server (and the blob storage emulator unless --no-storage), starts the host, shows
 what each side says, asks the host to perform an action from the cloud side, and
-exits 0 only if every step of the story happened.
+exits 0 only if every step of the story happened. The host uploads a short real MP4
+(a test pattern made once by ffmpeg) and then a large random file for the upload figures
+(--clip-bytes 0 leaves it out). With --web the browser console watches the messaging
+server, and the cloud and the page stay up after the story until Ctrl-C.
 """
 
 import argparse
@@ -23,6 +26,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 CLOUD = os.path.join(HERE, "cloud")
 DEVICE_MAC = "001122334455"  # also the blob container, which takes no colons
 CAMERA = "0a1b2c3d4e5f"
+SECRET = "demo-secret"
 
 
 def say(line):
@@ -32,18 +36,23 @@ def say(line):
 class MessagingServer:
     """The local messaging server in machine mode: events in, commands out."""
 
-    def __init__(self, certs):
+    def __init__(self, certs, extra=()):
         self.proc = subprocess.Popen(
             ["/usr/bin/python3", os.path.join(CLOUD, "messaging_server.py"), "--port", "0",
              "--cert", os.path.join(certs, "server.pem"), "--key", os.path.join(certs, "server.key"),
-             "--ca", os.path.join(certs, "ca.pem")],
+             "--ca", os.path.join(certs, "ca.pem")] + list(extra),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
         self.events = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
-        first = self.events.get(timeout=15)
-        if first.get("event") != "listening":
-            raise RuntimeError("messaging server did not start: %r" % first)
-        self.port = first["port"]
+        self.port = self.web_port = None
+        while self.port is None or ("--web" in extra and self.web_port is None):
+            event = self.events.get(timeout=15)
+            if event.get("event") == "listening":
+                self.port = event["port"]
+            elif event.get("event") == "web":
+                self.web_port = event["port"]
+            else:
+                raise RuntimeError("messaging server did not start: %r" % event)
 
     def _read(self):
         for line in self.proc.stdout:
@@ -108,6 +117,8 @@ def main():
     parser.add_argument("--state", default=os.path.join(CLOUD, "state"))
     parser.add_argument("--clip-bytes", type=int, default=48 * 1024 * 1024)
     parser.add_argument("--no-storage", action="store_true")
+    parser.add_argument("--web", type=int, nargs="?", const=8080, metavar="PORT",
+                        help="serve the browser console and stay up after the story until Ctrl-C")
     args = parser.parse_args()
 
     certs = os.path.join(args.state, "certs")
@@ -119,22 +130,30 @@ def main():
         storage = BlobStorage(certs, os.path.join(args.state, "blobs"))
         say("[cloud] blob storage emulator on https://127.0.0.1:%d (account %s)" % (storage.port, storage.account))
 
-    server = MessagingServer(certs)
+    extra = []
+    if args.web is not None:
+        extra = ["--web", str(args.web)] + (["--blob-port", str(storage.port)] if storage else [])
+    server = MessagingServer(certs, extra)
     say("[cloud] messaging server on wss://127.0.0.1:%d/" % server.port)
+    if server.web_port:
+        say("[cloud] browser console on http://127.0.0.1:%d/" % server.web_port)
     if storage:
         server.command(cmd="set", auto_storage=True, auto_ack=True, storage_account=storage.account,
-                       storage_token=storage.sas_token(), storage_secret="demo-secret")
+                       storage_token=storage.sas_token(), storage_secret=SECRET)
 
     host_cmd = [args.host_binary, "--server", "wss://127.0.0.1:%d/" % server.port, "--mac", DEVICE_MAC,
                 "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
                 "--key", os.path.join(certs, "client.key"), "--camera", CAMERA, "--wait", "20"]
     env = dict(os.environ)
-    clip_path = None
+    recording = os.path.join(args.state, "recording.mp4")
     if storage:
-        clip_path = os.path.join(args.state, "clip.mp4")
-        with open(clip_path, "wb") as f:
-            f.write(os.urandom(args.clip_bytes))
-        host_cmd += ["--clip", clip_path]
+        subprocess.run(["bash", os.path.join(CLOUD, "make_clip.sh"), recording], check=True)
+        host_cmd += ["--clip", recording]
+        if args.clip_bytes > 0:
+            big_clip = os.path.join(args.state, "big-clip.bin")
+            with open(big_clip, "wb") as f:
+                f.write(os.urandom(args.clip_bytes))
+            host_cmd += ["--big-clip", big_clip]
         env["ZEL_BLOB_DOMAIN"] = storage.blob_domain
         storage.create_container(DEVICE_MAC.lower())
     host = subprocess.Popen(host_cmd, stdout=subprocess.PIPE, text=True, bufsize=1, env=env)
@@ -148,7 +167,7 @@ def main():
     threading.Thread(target=read_host, daemon=True).start()
 
     seen = set()
-    archive = None
+    archives = []
     asked = False
     action_reply = None
     deadline = time.time() + 240
@@ -181,7 +200,7 @@ def main():
             if msg.get("original_id") == "demo-action":
                 action_reply = msg.get("content")
             if isinstance(msg.get("content"), dict) and msg["content"].get("model") == "archive":
-                archive = msg["content"]["properties"]
+                archives.append(msg["content"]["properties"])
             content = msg.get("content") if isinstance(msg.get("content"), dict) else {}
             seen.add(content.get("model") or msg.get("subject"))
             if not asked and "accessEvent" in seen:
@@ -190,23 +209,11 @@ def main():
                 server.command(cmd="request", subject="action", id="demo-action",
                                content={"device": "door-1", "action": "open", "value": 5})
     rc = host.wait(timeout=30)
-    server.stop()
     blob_ok = False
-    if storage and archive:
-        start = datetime.datetime.strptime(archive["start_at"], "%Y-%m-%dT%H:%M:%SZ").replace(
-            tzinfo=datetime.timezone.utc)
-        blob = "%s/%s/%s/%d.mp4" % (DEVICE_MAC, CAMERA, start.strftime("%Y-%m-%d"), int(start.timestamp()))
-        try:
-            size = storage.blob_size(blob)
-        except Exception as exc:  # reported below as a failed check
-            size = -1
-            say("[cloud] blob %s: %s" % (blob, exc))
-        expected = args.clip_bytes // 16 * 16 + 16
-        blob_ok = size == expected
-        say("[cloud] blob %s holds %d bytes (encrypted size of the %d-byte clip: %d)" %
-            (blob, size, args.clip_bytes, expected))
     if storage:
-        storage.stop()
+        clips = [recording] + ([big_clip] if args.clip_bytes > 0 else [])
+        blob_ok = len(archives) == len(clips) and all(
+            check_blob(storage, archive, path) for archive, path in zip(archives, clips))
 
     checks = {
         "version announced": "version" in seen,
@@ -224,7 +231,45 @@ def main():
     say("")
     for name, ok in checks.items():
         say("%s %s" % ("ok  " if ok else "FAIL", name))
+    if server.web_port:
+        say("\nThe local cloud and its console stay up: open http://127.0.0.1:%d/ (Ctrl-C to stop)"
+            % server.web_port)
+        try:
+            server.proc.wait()
+        except KeyboardInterrupt:
+            pass
+    server.stop()
+    if storage:
+        storage.stop()
     return 0 if all(checks.values()) else 1
+
+
+def check_blob(storage, archive, path):
+    """The blob at the clip's path decrypts, with the secret handed out, to the clip itself;
+    for the large clip its size is enough."""
+    start = datetime.datetime.strptime(archive["start_at"], "%Y-%m-%dT%H:%M:%SZ").replace(
+        tzinfo=datetime.timezone.utc)
+    blob = "%s/%s/%s/%d.mp4" % (DEVICE_MAC, CAMERA, start.strftime("%Y-%m-%d"), int(start.timestamp()))
+    size = os.path.getsize(path)
+    expected = size // 16 * 16 + 16
+    try:
+        if size > 16 * 1024 * 1024:
+            stored = storage.blob_size(blob)
+            say("[cloud] blob %s holds %d bytes (encrypted size of the %d-byte clip: %d)" %
+                (blob, stored, size, expected))
+            return stored == expected
+        with storage._open("GET", blob) as reply:
+            sealed = reply.read()
+        clear = subprocess.run(["openssl", "enc", "-d", "-aes-192-cbc", "-md", "md5", "-nosalt",
+                                "-pass", "pass:" + SECRET], input=sealed, capture_output=True).stdout
+        with open(path, "rb") as f:
+            same = clear == f.read()
+        say("[cloud] blob %s holds %d bytes and decrypts to the %d-byte recording: %s" %
+            (blob, len(sealed), size, "yes" if same else "NO"))
+        return same and len(sealed) == expected
+    except Exception as exc:  # reported as a failed check
+        say("[cloud] blob %s: %s" % (blob, exc))
+        return False
 
 
 if __name__ == "__main__":

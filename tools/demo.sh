@@ -2,6 +2,8 @@
 # The main job, from a fresh Debian machine (as root): install what is needed, build and
 # install the library, build the example host against the installed package, start the
 # local cloud and let the host talk to it. Exit status 0 only if every step happened.
+# With --web [PORT] the local cloud's browser console watches the story, and the cloud and
+# the page stay up afterwards (the address is printed) until Ctrl-C.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -10,7 +12,7 @@ jobs=$(nproc)
 
 bash tools/setup.sh
 echo "== building and installing libzel-cloud into $prefix"
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DZEL_BUILD_TESTS=OFF \
   -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_BENCH=OFF >/dev/null
 cmake --build build/release -j"$jobs" >/dev/null
 cmake --install build/release --prefix "$prefix" >/dev/null

@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
   python3-websockets openssl ca-certificates
+  # the local cloud's browser console, its real test clip and the browser that tests it
+  python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
 )
 
 missing=()
@@ -37,3 +39,7 @@ if [ -f "$here/cloud/package-lock.json" ]; then
     (cd "$here/cloud" && npm ci --no-audit --no-fund --loglevel=error)
   fi
 fi
+
+# The example recorder's clip: a few seconds of real video the browser console can play back,
+# made once.
+bash "$here/cloud/make_clip.sh" "$here/cloud/state/recording.mp4"

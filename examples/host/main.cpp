@@ -1,13 +1,15 @@
 // An NVR host in one file: what a recorder does with the library from start to end.
 //
 //   zel_example_host --server wss://127.0.0.1:8443/ --ca ca.pem --cert client.pem
-//                    --key client.key --mac 00:11:22:33:44:55 [--clip FILE] [--wait 20]
+//                    --key client.key --mac 00:11:22:33:44:55 [--clip FILE] [--big-clip FILE]
+//                    [--wait 20]
 //
 // It registers the four callbacks, connects, announces a camera, a relay and a door,
-// sends a motion and an access event, uploads a clip if one is given, waits until the
-// cloud has asked it to perform an action, prints the library's status snapshot, and
-// disconnects. The library's log lines go into the host's own output. Exit status 0 only
-// when every step happened.
+// sends a motion and an access event, uploads the clips it is given (a short recording,
+// then a large file that shows the upload figures), waits until the cloud has asked it
+// to perform an action, prints the library's status snapshot, and disconnects. The
+// library's log lines go into the host's own output. Exit status 0 only when every step
+// happened.
 #include <zel/upload.h>
 
 #include <atomic>
@@ -87,7 +89,7 @@ int main(int argc, char** argv) {
   if (arg["--server"].empty() || arg["--mac"].empty()) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
-                 "[--clip FILE] [--camera MAC] [--wait SECONDS]\n",
+                 "[--clip FILE] [--big-clip FILE] [--camera MAC] [--wait SECONDS]\n",
                  argv[0]);
     return 2;
   }
@@ -169,15 +171,15 @@ int main(int argc, char** argv) {
   zel::Upload::upload_event(access);
   say("sent a motion event and an access event");
 
-  // 5. Upload a clip: the states arrive through its callback.
-  bool clip_ok = true;
-  if (!arg["--clip"].empty()) {
-    std::ifstream file(arg["--clip"], std::ios::binary | std::ios::ate);
+  // 5. Upload the recorded clip, then the large one if given: the states arrive through each
+  //    clip's callback. Each clip has its own start second, which names its blob.
+  auto upload = [&](const std::string& path, int64_t start, int64_t end) {
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
     zel::ClipInfo clip;
-    clip.path = arg["--clip"];
+    clip.path = path;
     clip.camera_mac = camera;
-    clip.start_time = now - 60;
-    clip.end_time = now;
+    clip.start_time = start;
+    clip.end_time = end;
     clip.size = file ? static_cast<int64_t>(file.tellg()) : -1;
     clip.keyframe_times = {0, 2.5, 5};
     clip.metadata = "example";
@@ -213,16 +215,20 @@ int main(int argc, char** argv) {
       }
       return 0;
     };
-    zel::Upload::set_upload_threads(2);
+    progress.update([&] { progress.clip_state = -1; });
     zel::Upload::upload_clip(clip, opts);
-    clip_ok = progress.wait(
+    bool done = progress.wait(
         [&] {
           return progress.clip_state == zel::CLIP_CONFIRMED || progress.clip_state == zel::CLIP_FAILED ||
                  progress.clip_state == zel::CLIP_REJECTED;
         },
         wait_s * 3);
-    clip_ok = clip_ok && progress.clip_state == zel::CLIP_CONFIRMED;
-  }
+    return done && progress.clip_state == zel::CLIP_CONFIRMED;
+  };
+  bool clip_ok = true;
+  if (!arg["--clip"].empty() || !arg["--big-clip"].empty()) zel::Upload::set_upload_threads(2);
+  if (!arg["--clip"].empty()) clip_ok = upload(arg["--clip"], now - 60, now - 56);
+  if (!arg["--big-clip"].empty()) clip_ok = upload(arg["--big-clip"], now - 120, now - 60) && clip_ok;
 
   // 6. Stay until the cloud has asked for an action, then leave cleanly.
   bool action_ok = progress.wait([&] { return progress.action; }, wait_s);

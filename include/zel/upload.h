@@ -68,8 +68,9 @@ class ZEL_EXPORT Upload {
   static CloudStats stats();
   // Sends every log line of the library (without its newline) to the host instead of
   // standard error; with ZEL_DEBUG also libwebsockets' own lines and libcurl's verbose
-  // output (as notices). Calls are one at a time, from any library thread; the callback
-  // must not call into the library other than stats(). nullptr goes back to standard error.
+  // output (as notices). Calls are one at a time, from any library thread; from inside
+  // the callback every other operation but stats() is refused at once (it could wait for
+  // a thread that waits to log). nullptr goes back to standard error.
   static void register_log(std::function<void(int level, const std::string& line)> cb);
   // Which levels reach that callback: a mask of error 1, warning 2, notice 4 (default 7).
   static void set_log_levels(int levels);

@@ -36,7 +36,7 @@ void Messaging::set_upload_threads(unsigned n) {
   upload_threads = n;
 }
 
-std::vector<ClipReport> Messaging::stop_upload_pool() {
+std::vector<ClipReport> Messaging::stop_upload_pool(std::chrono::steady_clock::time_point deadline) {
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> pool;
   {
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
@@ -44,7 +44,7 @@ std::vector<ClipReport> Messaging::stop_upload_pool() {
   }
   if (!pool) return {};
   // Unlocked: a progress function may be waiting for work_mutex right now.
-  pool->stop();
+  const bool stopped = pool->stop(deadline);
 
   std::lock_guard<std::recursive_mutex> lock(work_mutex);
   // What the threads reported before they stopped still reaches the host...
@@ -59,7 +59,16 @@ std::vector<ClipReport> Messaging::stop_upload_pool() {
     reports.push_back({std::move(it->second.clip), CLIP_FAILED, kUploadInterrupted});
     it = pending_clips.erase(it);
   }
+  if (!stopped) {
+    zel_log(LOG_ERR, "An upload thread is still in its progress function; it ends when that returns\n");
+    stuck_pools.push_back(std::move(pool));
+  }
   return reports;
+}
+
+void Messaging::reap_stuck_pools() {
+  for (auto it = stuck_pools.begin(); it != stuck_pools.end();)
+    it = (*it)->stop(std::chrono::steady_clock::now()) ? stuck_pools.erase(it) : it + 1;
 }
 
 void Messaging::manage_upload_threads() {

@@ -128,6 +128,8 @@ void set_log_levels(int levels) {
   g_levels = levels;
 }
 
+bool in_log_callback() { return t_in_callback; }
+
 void set_log_observer(std::function<void(int, const std::string&)> observer) {
   std::lock_guard<std::mutex> lock(g_log_mutex);
   g_observer = std::move(observer);

@@ -20,6 +20,8 @@ void apply_log_level_from_env();
 // itself is dropped rather than deadlock.
 void set_log_callback(std::function<void(int level, const std::string& line)> callback);
 void set_log_levels(int levels);  // a mask of LogLevel values; 7 by default
+// True while the calling thread runs the host's log callback.
+bool in_log_callback();
 
 // A line of libcurl's verbose output (ZEL_DEBUG only), already free of secrets: to the
 // host's log as a notice, or to standard error as libcurl would print it.

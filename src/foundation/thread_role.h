@@ -3,6 +3,8 @@
 // at once, the calls that would make a thread wait for itself.
 #pragma once
 
+#include <atomic>
+
 namespace zel {
 
 enum class ThreadRole { HOST, WORKER, UPLOADER };
@@ -20,5 +22,12 @@ class CallbackScope {
   CallbackScope& operator=(const CallbackScope&) = delete;
 };
 bool in_host_callback();
+
+// Sets a flag when the scope ends: a thread function marks that it has returned, so that
+// joining it can no longer wait.
+struct SetOnExit {
+  std::atomic<bool>& flag;
+  ~SetOnExit() { flag = true; }
+};
 
 }  // namespace zel

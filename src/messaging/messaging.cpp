@@ -20,6 +20,9 @@ constexpr const char* kArchitecture = "pelmo_linux64";
 constexpr auto kPassSleep = std::chrono::milliseconds(50);
 constexpr auto kRetrySleep = std::chrono::seconds(1);
 constexpr auto kDisconnectWait = std::chrono::seconds(30);
+// disconnect returns within 32 s: 30 for the close, the rest for the threads to end.
+constexpr auto kWorkerStopBound = std::chrono::seconds(31);
+constexpr auto kPoolStopBound = std::chrono::milliseconds(31500);
 constexpr unsigned kPingPeriod = 30;
 
 std::string build_version_json(const std::string& version, const CloudConnect& cc) {
@@ -73,22 +76,26 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
   if (refuse_lifecycle_call("connect")) return false;
   std::lock_guard<std::mutex> connect_lock(connect_mutex);
   if (worker_thread) return false;
+  reap_stuck_pools();
 
   {
     // Host threads read the identity under this lock while they report.
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
     apply_identity(cc);
     cameras = camera_list;
-    std::lock_guard<std::mutex> stats_lock(stats_mutex);
-    published_stats = CloudStats();
     on_connect_cb = std::move(on_connect_fn);
     on_disconnect_cb = std::move(on_disconnect_fn);
+  }
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    published_stats = CloudStats();  // the totals count from this connect
   }
   start_upload_pool(cc.ca_path);
 
   WebSocketClient::instance().initialize(
       cc, [this] { this->on_connect(); }, [this] { this->on_disconnect(); });
   running.test_and_set();
+  worker_exited = false;
   worker_thread = std::make_unique<std::thread>([this] { worker(); });
   return true;
 }
@@ -120,14 +127,22 @@ bool Messaging::disconnect() {
       zel_log(LOG_ERR, "Already disconnecting\n");
       return false;
     }
+    const auto started = std::chrono::steady_clock::now();
     if (!worker_thread) return true;
     if (!close_link()) return false;
 
     // The worker is stopped before the pool goes, so it never touches a destroyed pool.
     running.clear();
+    while (!worker_exited && std::chrono::steady_clock::now() < started + kWorkerStopBound)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!worker_exited) {
+      zel_log(LOG_ERR, "The worker is still in a callback; call disconnect again later\n");
+      return false;
+    }
     worker_thread->join();
     worker_thread.reset();
-    last_reports = stop_upload_pool();
+    last_reports = stop_upload_pool(started + kPoolStopBound);
+    reap_stuck_pools();
     WebSocketClient::instance().clear_context();
     std::lock_guard<std::recursive_mutex> lock(work_mutex);
     publish_stats();
@@ -155,6 +170,7 @@ bool Messaging::close_link() {
 
 void Messaging::worker() {
   set_thread_role(ThreadRole::WORKER);
+  SetOnExit mark{worker_exited};
   WebSocketClient& link = WebSocketClient::instance();
   while (running.test_and_set()) {
     std::this_thread::sleep_for(kPassSleep);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <list>
@@ -103,8 +104,10 @@ class Messaging {
   void expire_clip();
   void start_upload_pool(const std::string& ca_path);
   // Ends every upload at once and joins the upload threads without holding work_mutex;
-  // returns the clip states still to report, for the caller to deliver unlocked.
-  std::vector<ClipReport> stop_upload_pool();
+  // returns the clip states still to report, for the caller to deliver unlocked. A pool
+  // whose thread is still in a host callback at the deadline is kept in stuck_pools.
+  std::vector<ClipReport> stop_upload_pool(std::chrono::steady_clock::time_point deadline);
+  void reap_stuck_pools();
 
   // Read by the request handlers.
   const std::string& get_version_json() const { return version_json; }
@@ -171,6 +174,9 @@ class Messaging {
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;
+  // Pools stopped while a thread was inside a host callback, joined later (connect_mutex).
+  std::vector<std::unique_ptr<UploaderCluster, UploaderClusterDeleter>> stuck_pools;
+  std::atomic<bool> worker_exited{false};
   std::function<void()> on_connect_cb;
   std::function<void()> on_disconnect_cb;
   std::function<MsgResponse(std::string)> list_actions_cb;

@@ -1,5 +1,7 @@
 #include "upload/uploader_cluster.h"
 
+#include <thread>
+
 #include "foundation/time_utils.h"
 #include "upload/uploader.h"
 #include "upload/uploader_thread.h"
@@ -90,7 +92,7 @@ void UploaderCluster::reap_retired() {
   }
 }
 
-void UploaderCluster::stop() {
+bool UploaderCluster::stop(std::chrono::steady_clock::time_point deadline) {
   cancelled = true;
   std::vector<std::shared_ptr<UploaderThread>> ending;
   {
@@ -102,7 +104,17 @@ void UploaderCluster::stop() {
   }
   // Tell every thread first, then join: they wind down side by side.
   for (auto& t : ending) t->request_stop();
-  ending.clear();
+  std::vector<std::shared_ptr<UploaderThread>> stuck;
+  for (auto& t : ending) {
+    while (!t->has_finished() && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!t->has_finished()) stuck.push_back(std::move(t));
+  }
+  ending.clear();  // joins the threads that have ended
+  std::lock_guard<std::mutex> lock(pool_mutex);
+  // Still inside a host callback: joined once it returns, by a later stop().
+  retired = std::move(stuck);
+  return retired.empty();
 }
 
 unsigned UploaderCluster::size() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -38,8 +39,10 @@ class UploaderCluster {
   // set_size(0) leaves queued work in the queue.
   void set_size(unsigned n);
   // Ends every upload in progress within about a second (each reports state 7 with
-  // kUploadInterrupted) and joins every thread. Must not run on an upload thread.
-  void stop();
+  // kUploadInterrupted) and joins every thread that has ended by the deadline; false when
+  // one is still inside a host callback (call again later). Not on an upload thread.
+  bool stop(std::chrono::steady_clock::time_point deadline =
+                std::chrono::steady_clock::time_point::max());
 
   unsigned size();
   // Jobs queued and not yet taken by a thread.

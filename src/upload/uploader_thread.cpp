@@ -37,10 +37,7 @@ void UploaderThread::request_stop() {
 
 void UploaderThread::worker() {
   set_thread_role(ThreadRole::UPLOADER);
-  struct MarkFinished {
-    std::atomic<bool>& flag;
-    ~MarkFinished() { flag = true; }
-  } mark{finished};
+  SetOnExit mark{finished};
   try {
     for (;;) {
       std::shared_ptr<UploadData> item;

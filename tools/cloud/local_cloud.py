@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """The local cloud on its own, for a person: messaging server (interactive) and blob storage.
 
-    /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000]
+    /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
 ("details", "status", "actions", "action", "update", "issueCertificate", ...; "help").
-Storage requests and record-end transactions are answered automatically.
+Storage requests and record-end transactions are answered automatically. With --web the
+messaging server runs in this process and a browser console (web_console.py) watches it.
 """
 
 import argparse
@@ -27,6 +28,8 @@ def main():
     parser.add_argument("--state", default=os.path.join(HERE, "state"))
     parser.add_argument("--recorder", action="append", default=[],
                         help="recorder MAC whose blob container to create (repeatable)")
+    parser.add_argument("--web", type=int, nargs="?", const=8080, metavar="PORT",
+                        help="also serve the browser console on http://127.0.0.1:PORT/ (8080; 0 picks one)")
     args = parser.parse_args()
     certs = os.path.join(args.state, "certs")
     subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
@@ -43,6 +46,8 @@ def main():
         storage.create_container(mac.lower())
         print("  blob container for recorder %s is ready" % mac.lower())
     sys.stdout.flush()
+    if args.web is not None:
+        run_with_console(args, certs, flags, storage)
     try:
         subprocess.run(["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
                         "--port", str(args.port), "--cert", os.path.join(certs, "server.pem"),
@@ -52,6 +57,29 @@ def main():
         pass
     finally:
         storage.stop()
+
+
+def run_with_console(args, certs, flags, storage):
+    """The messaging server in this process, next to the console that watches it."""
+    import asyncio
+    import web_console
+    cloud_args = argparse.Namespace(
+        host="127.0.0.1", port=args.port, cert=os.path.join(certs, "server.pem"),
+        key=os.path.join(certs, "server.key"), ca=os.path.join(certs, "ca.pem"), plain=False,
+        interactive=True, set=json.dumps(flags))
+    code = 0
+    try:
+        asyncio.run(web_console.serve(cloud_args, storage, os.path.join(args.state, "web"), args.web))
+    except KeyboardInterrupt:
+        pass
+    except Exception as exc:  # ports in use, bad certificates
+        print("local_cloud: %s" % exc, file=sys.stderr)
+        code = 1
+    finally:
+        storage.stop()
+    sys.stdout.flush()
+    # Like messaging_server.py: the console's stdin reader may still sit in read().
+    os._exit(code)
 
 
 if __name__ == "__main__":

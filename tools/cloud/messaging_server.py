@@ -13,6 +13,7 @@ Events:
   {"event":"sent","text":..,"binary":bool,"auto":bool[,"seq":..]}
   {"event":"done","cmd":..[,"seq":..]}          (set, close, drop)
   {"event":"error","message":..[,"seq":..]}
+  {"event":"web","port":N}                     (with --web: the browser console's port)
 
 Commands (an optional "seq" is echoed in the event that answers the command):
   {"cmd":"send","text":..}            {"cmd":"send_binary","text":..}
@@ -549,12 +550,21 @@ def main():
     parser.add_argument("--interactive", action="store_true", help="console for people")
     parser.add_argument("--set", default="{}", metavar="JSON",
                         help='initial behaviour flags, e.g. \'{"auto_storage":true}\'')
+    parser.add_argument("--web", type=int, metavar="PORT",
+                        help="serve the browser console too (web_console.py; 0 picks a port)")
+    parser.add_argument("--blob-port", type=int, default=0,
+                        help="the blob storage the console fetches clips from")
     args = parser.parse_args()
     if not args.plain and not (args.cert and args.key):
         parser.error("--cert and --key are needed (or --plain)")
     code = 0
     try:
-        asyncio.run(Cloud(args).main())
+        if args.web is not None:
+            import web_console
+            blob = web_console.blob_endpoint(args.blob_port, args.ca)
+            asyncio.run(web_console.serve(args, blob, None, args.web))
+        else:
+            asyncio.run(Cloud(args).main())
     except KeyboardInterrupt:
         pass
     except Exception as exc:  # bind failures and bad certificates end up here
