@@ -173,7 +173,7 @@ TEST_F(Pipeline, OneClipRunsFromIntakeToConfirmation) {
   EXPECT_TRUE(zel::Messaging::get().get_unacked_clips().empty());
 }
 
-// The snapshot through a clip's life, a refused upload and a reconnection.
+// The snapshot through a clip's life and a refused upload.
 TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   FrozenClock clock;
   Device device(cloud, cc);
@@ -190,10 +190,6 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
             (std::vector<int64_t>{1, 1, 0, 1, 1, 1, 4112, 1, 1}));  // the failed clip's credentials are kept
   EXPECT_EQ(s.clips_queued + s.clips_waiting_credentials + s.clips_uploading + s.clips_awaiting_confirmation, 0);
   EXPECT_EQ(s.last_upload_error, failed.message(zel::CLIP_FAILED));
-  EXPECT_GT(s.last_connected_at * s.last_upload_error_at, 0);
-  EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
-  zel::advance_clock(5);
-  EXPECT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }, 10s));
 }
 
 // The host's own log: every line without its newline, none with a secret, libcurl's too.
@@ -224,7 +220,6 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
     return std::any_of(lines.begin(), lines.end(),
                        [&](const std::string& l) { return l.rfind(head, 0) == 0 && l.find(part) != std::string::npos; });
   };
-  EXPECT_TRUE(has("4|Attempting to connect to messaging server...", ""));
   EXPECT_TRUE(has("4|> PUT /", "")) << "libcurl's verbose lines were expected";
 }
 

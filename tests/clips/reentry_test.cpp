@@ -108,21 +108,5 @@ TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   for (auto& one : r) EXPECT_EQ(one.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
 }
 
-// Reports race connect and disconnect, which write the identity they read (for ThreadSanitizer).
-TEST_F(Reentry, ReportsRaceConnectAndDisconnect) {
-  std::atomic<bool> stop{false};
-  auto reporter = [&] {
-    for (; !stop; std::this_thread::sleep_for(1ms)) {
-      Upload::register_camera("0A1B2C3D4E5F");
-      Upload::send_camera_setting("0A1B2C3D4E5F", "name", "\"x\"");
-      Upload::cloud_sync();
-    }
-  };
-  std::thread a(reporter), b(reporter);
-  for (int i = 0; i < 3; ++i) connect(), disconnect_within_bound();
-  stop = true;
-  a.join(), b.join();
-}
-
 }  // namespace
 }  // namespace zt

@@ -26,7 +26,6 @@ TEST(Session, HandshakeAnnouncementsAndVersionExchange) {
   auto hello = cloud.wait([](const Event& e) { return e.kind == "connect"; });
   EXPECT_EQ(hello->str("path"), "/");
   EXPECT_EQ(hello->str("origin"), kMac);  // exactly as given, no scheme
-  EXPECT_NE(hello->raw.find("\"client_cert\": true"), std::string::npos);
   EXPECT_EQ(stable(cloud.sent("version").value_or("")), envelope("zel-inbound", "version", kVersion));
   EXPECT_NE(cloud.sent("transaction", 1).value_or("").find("\"mac_address\":\"CAM-2\""), std::string::npos);
   cloud.request("version", "{\"registered\":false}", "v-2");

@@ -71,10 +71,6 @@ TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
        kFailed + "No error HTTP Status Code: 403"},
       {"allowance spent in the queue", [](zel::UploadData& d) { d.start -= 30, d.timeout_s = 30; },
        kAborted + " - User aborted"},
-      {"host callback throws", [](zel::UploadData& d) {
-         d.start -= 5, d.progress = [](const std::string&, int, int64_t, int64_t) -> int {
-           throw std::runtime_error("host bug"); }; },
-       kAborted + " - Progress function failed: host bug"},
   };
   int64_t start = 1704080000;
   for (const Row& row : rows) {
