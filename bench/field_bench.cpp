@@ -22,10 +22,7 @@
 #include <vector>
 
 #include "foundation/log.h"
-#include "support/azurite.h"
-#include "support/certs.h"
-#include "support/cloud_server.h"
-#include "support/device_session.h"
+#include "support/peer.h"
 #include "upload/rate_limiter.h"
 #include "upload/uploader_cluster.h"
 #include "zel/upload.h"
@@ -66,7 +63,7 @@ CapRun pool_run(const std::string& clip, const std::string& sas, double cap, dou
   std::mutex mu;  // guards sent and sent_at
   int64_t sent[2] = {0, 0};
   Clock::time_point sent_at[2] = {Clock::now(), Clock::now()};
-  zel::UploaderCluster pool(zel_test::test_certs().ca);
+  zel::UploaderCluster pool(zt::cert("ca.pem"));
   pool.set_size(0);
   for (int i = 0; i < 2; ++i) {
     zel::PendingClip p;
@@ -82,7 +79,7 @@ CapRun pool_run(const std::string& clip, const std::string& sas, double cap, dou
       return 0;
     };
     p.nvr_mac = kNvr;
-    p.credentials = {zel_test::Azurite::kAccount, sas, "SECRET", "", "", 0};
+    p.credentials = {"devstoreaccount1", sas, "SECRET", "", "", 0};
     pool.upload(p);
   }
   const double total = 2.0 * (kClip + 16);
@@ -114,10 +111,11 @@ CapRun pool_run(const std::string& clip, const std::string& sas, double cap, dou
   return r;
 }
 
-double curl_seconds(zel_test::Azurite& az, const std::string& encrypted, int64_t start) {
-  std::string url = az.endpoint() + "/" + kNvr + "/" + kCamera + "/bench/" +
-                    std::to_string(start) + ".mp4?" + az.account_sas();
-  std::string cmd = "curl -s -o /dev/null --cacert '" + zel_test::test_certs().ca + "' -T '" +
+double curl_seconds(const std::string& encrypted, int64_t start) {
+  std::string url = "https://devstoreaccount1" + zt::storage().listening().str("blob_domain") + "/" +
+                    kNvr + "/" + kCamera + "/bench/" + std::to_string(start) + ".mp4?" +
+                    zt::storage_token();
+  std::string cmd = "curl -s -o /dev/null --cacert '" + zt::cert("ca.pem") + "' -T '" +
                     encrypted + "' '" + url +
                     "' -H 'x-ms-version: 2020-04-08' -H 'x-ms-blob-type: BlockBlob'";
   auto t0 = Clock::now();
@@ -128,18 +126,15 @@ double curl_seconds(zel_test::Azurite& az, const std::string& encrypted, int64_t
 }
 
 void bench_cap(const std::string& dir) {
-  zel_test::Azurite az;
-  az.start();
-  setenv("ZEL_BLOB_DOMAIN", az.blob_domain().c_str(), 1);
-  if (!az.create_container(kNvr)) throw std::runtime_error("cannot create the container");
+  zt::storage();  // the emulator, with the recorder's container; ZEL_BLOB_DOMAIN points at it
   const std::string clip = dir + "/clip64.bin";
   make_file(clip, kClip);
   const std::string encrypted = dir + "/clip64.enc";
   std::system(("openssl enc -aes-192-cbc -md md5 -nosalt -pass pass:SECRET -in '" + clip +
                "' -out '" + encrypted + "' 2>/dev/null").c_str());
-  const std::string sas = az.account_sas();
+  const std::string sas = zt::storage_token();
 
-  double curl_s = curl_seconds(az, encrypted, 1700000000);
+  double curl_s = curl_seconds(encrypted, 1700000000);
   const double total = 2.0 * (kClip + 16);
   CapRun free_run = pool_run(clip, sas, 0, 0, 1700000100);
   CapRun capped = pool_run(clip, sas, kCap, 0, 1700000200);
@@ -157,7 +152,6 @@ void bench_cap(const std::string& dir) {
   // stretch on half the bytes, so it reads somewhat below the uncapped whole.
   std::printf("   lifted half-way:   the rest at %7.1f  (%.2f of no cap)\n",
               mib(lifted.free_rate), lifted.free_rate / free_rate);
-  az.stop();
 }
 
 // ---- 2. stats() while the worker is held ------------------------------------------------
@@ -182,7 +176,7 @@ Latency stats_latency(double seconds) {
 }
 
 void bench_stats() {
-  zel_test::CloudServer server;
+  zt::Cloud server;
   std::atomic<bool> held{false};
   zel::Upload::register_list_actions([&](std::string) {
     held = true;
@@ -190,13 +184,13 @@ void bench_stats() {
     held = false;
     return zel::MsgResponse::EmptyResponse();
   });
-  zel_test::DeviceSession device(server);
+  zt::Device device(server);
   while (!zel::Upload::stats().link_up) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   Latency free_worker = stats_latency(1.5);
-  server.request("actions", "{}");
+  server.request("actions", "{}", "bench-actions");
   while (!held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   Latency blocked = stats_latency(1.5);
-  device.disconnect();
+  zel::Upload::disconnect();
   std::printf("2. stats() (microseconds)         p50      p99      max   calls\n");
   std::printf("   worker free:              %8.1f %8.1f %8.1f %7zu\n", free_worker.p50,
               free_worker.p99, free_worker.max, free_worker.n);
@@ -249,11 +243,11 @@ void bench_log() {
 
 int main() {
   try {
-    std::string dir = zel_test::make_temp_dir("zel-field-bench-");
+    zt::TempDir temp;
+    const std::string& dir = temp.path;
     bench_cap(dir);
     bench_stats();
     bench_log();
-    std::system(("rm -rf '" + dir + "'").c_str());
   } catch (const std::exception& e) {
     std::fprintf(stderr, "field bench failed: %s\n", e.what());
     return 1;

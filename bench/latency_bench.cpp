@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "messaging/messaging.h"
-#include "support/cloud_server.h"
-#include "support/device_session.h"
+#include "support/peer.h"
 #include "zel/upload.h"
 
 namespace {
@@ -48,9 +47,9 @@ int main(int argc, char** argv) {
   const int idle_s = argc > 2 ? std::atoi(argv[2]) : 60;
   const int events = argc > 3 ? std::atoi(argv[3]) : 10000;
 
-  zel_test::CloudServer server;
-  zel_test::DeviceSession device(server);
-  if (!zel_test::wait_sent(server, "version", 0, 10s)) {
+  zt::Cloud server;
+  zt::Device device(server);
+  if (!server.sent("version", 0, 10s)) {
     std::fprintf(stderr, "the library did not connect\n");
     return 1;
   }
@@ -63,7 +62,7 @@ int main(int argc, char** argv) {
     std::string id = "rt-" + std::to_string(i);
     auto start = Clock::now();
     server.request("details", "", id);
-    if (!server.wait_for_reply(id, 5s)) {
+    if (!server.reply(id, 5s)) {
       std::fprintf(stderr, "no reply to %s\n", id.c_str());
       return 1;
     }
@@ -73,7 +72,6 @@ int main(int argc, char** argv) {
               "  (floor: two 50 ms worker passes = 100 ms; goal p99 <= 110 ms)\n",
               round_trips, percentile(rtt, 0.5), percentile(rtt, 0.99),
               *std::max_element(rtt.begin(), rtt.end()));
-  server.clear();
 
   // 2. Idle cost.
   double cpu0 = cpu_seconds();
@@ -91,7 +89,7 @@ int main(int argc, char** argv) {
     for (int i = 0; load; ++i) {
       std::string id = "load-" + std::to_string(i);
       server.request("details", "", id);
-      server.wait_for_reply(id, 5s);
+      server.reply(id, 5s);
     }
   });
   std::vector<std::vector<double>> blocked(4);

@@ -27,8 +27,7 @@
 #include <vector>
 
 #include "foundation/time_utils.h"
-#include "support/azurite.h"
-#include "support/certs.h"
+#include "support/peer.h"
 #include "upload/streaming_crypto.h"
 #include "upload/uploader.h"
 #include "upload/uploader_cluster.h"
@@ -151,23 +150,25 @@ void bench_encryption(const std::string& clip, int reps) {
 // ---- 2. upload --------------------------------------------------------------------------
 
 struct Emulator {
-  zel_test::Azurite az;
   // A fresh emulator for each series: its in-memory store frees nothing for minutes, and
   // gigabytes of test blobs must not pile up.
   void restart() {
-    az.stop();
-    az.start();
-    setenv("ZEL_BLOB_DOMAIN", az.blob_domain().c_str(), 1);
-    if (!az.create_container(kNvr)) throw std::runtime_error("cannot create the container");
+    zt::Peer& storage = zt::storage();
+    if (!storage.ok("{\"cmd\":\"stop\"}") || !storage.ok("{\"cmd\":\"start\"}", zt::Ms(60000)) ||
+        !storage.ok(std::string("{\"cmd\":\"container\",\"name\":\"") + kNvr + "\"}"))
+      throw std::runtime_error("cannot restart the blob storage emulator");
+  }
+  std::string endpoint() const {
+    return "https://devstoreaccount1" + zt::storage().listening().str("blob_domain");
   }
 };
 
 double curl_seconds(Emulator& em, const std::string& encrypted, int64_t start_time) {
-  std::string url = em.az.endpoint() + "/" + kNvr + "/" + kCamera + "/bench/" +
-                    std::to_string(start_time) + ".mp4?" + em.az.account_sas();
+  std::string url = em.endpoint() + "/" + kNvr + "/" + kCamera + "/bench/" +
+                    std::to_string(start_time) + ".mp4?" + zt::storage_token();
   auto t0 = Clock::now();
   std::string code = capture("curl -s -o /dev/null -w '%{http_code}' --cacert '" +
-                             zel_test::test_certs().ca + "' -T '" + encrypted + "' '" + url +
+                             zt::cert("ca.pem") + "' -T '" + encrypted + "' '" + url +
                              "' -H 'x-ms-version: 2020-04-08' -H 'x-ms-blob-type: BlockBlob'");
   double s = seconds_since(t0);
   if (code != "201") throw std::runtime_error("curl -T answered " + code);
@@ -176,7 +177,7 @@ double curl_seconds(Emulator& em, const std::string& encrypted, int64_t start_ti
 
 // Wall time for `threads` clips uploaded side by side by a pool of that many threads.
 double pool_seconds(const std::string& clip, size_t size, unsigned threads, int64_t first_start) {
-  zel::UploaderCluster pool(zel_test::test_certs().ca);
+  zel::UploaderCluster pool(zt::cert("ca.pem"));
   pool.set_size(0);
   std::vector<std::string> keys;
   zel::PendingClip p;
@@ -186,7 +187,7 @@ double pool_seconds(const std::string& clip, size_t size, unsigned threads, int6
   p.opts.upload_option = 1;
   p.opts.confirm_timeout = 600;
   p.nvr_mac = kNvr;
-  p.credentials.account = zel_test::Azurite::kAccount;
+  p.credentials.account = "devstoreaccount1";
   p.credentials.secret = kPassword;
   for (unsigned i = 0; i < threads; ++i) {
     p.clip.start_time = first_start + i;
@@ -234,14 +235,14 @@ void bench_upload(Emulator& em, const std::string& dir, const std::string& big, 
     warm(row.clip);
     warm(encrypted);
     em.restart();
-    setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+    setenv("ZEL_BENCH_SAS", zt::storage_token().c_str(), 1);
     double best_curl = 1e9;
     for (int r = 0; r < reps; ++r)
       best_curl = std::min(best_curl, curl_seconds(em, encrypted, start++));
     std::map<unsigned, double> best;
     for (unsigned t : thread_counts) {
       em.restart();
-      setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+      setenv("ZEL_BENCH_SAS", zt::storage_token().c_str(), 1);
       best[t] = 1e9;
       for (int r = 0; r < reps; ++r) {
         best[t] = std::min(best[t], pool_seconds(row.clip, row.size, t, start));
@@ -266,7 +267,7 @@ long child_peak_rss_kib(const std::string& clip, size_t size, int64_t start_time
   // The child gets the parent's CA: a certificate set of its own would not match the emulator.
   std::vector<std::string> args = {
       "/proc/self/exe",     "--child-upload",           clip,
-      std::to_string(size), std::to_string(start_time), zel_test::test_certs().ca};
+      std::to_string(size), std::to_string(start_time), zt::cert("ca.pem")};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
@@ -290,7 +291,7 @@ int child_upload(int argc, char** argv) {
   d.camera_mac = kCamera;
   d.start_time = std::atoll(argv[4]);
   d.path = argv[2];
-  d.account = zel_test::Azurite::kAccount;
+  d.account = "devstoreaccount1";
   d.token = std::getenv("ZEL_BENCH_SAS");
   d.secret = kPassword;
   d.timeout_s = 600;
@@ -304,7 +305,7 @@ void bench_memory(Emulator& em, const std::string& dir, const std::string& big) 
   std::string small = dir + "/clip-1MiB.mp4";
   make_file(small, kSmallClip, 3);
   em.restart();
-  setenv("ZEL_BENCH_SAS", em.az.account_sas().c_str(), 1);
+  setenv("ZEL_BENCH_SAS", zt::storage_token().c_str(), 1);
   long small_kib = child_peak_rss_kib(small, kSmallClip, 1704100000);
   long big_kib = child_peak_rss_kib(big, kBigClip, 1704100001);
   double diff_mib = static_cast<double>(big_kib - small_kib) / 1024.0;
@@ -322,7 +323,8 @@ int main(int argc, char** argv) {
   int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
   try {
     zel::uploader_global_init();
-    std::string dir = zel_test::make_temp_dir("zel-upload-bench-");
+    zt::TempDir temp;
+    const std::string& dir = temp.path;
     std::string big = dir + "/clip-256000000.mp4";
     make_file(big, kBigClip, 1);
     printf("upload bench: %u cores, files in %s\n", std::thread::hardware_concurrency(),
@@ -331,8 +333,7 @@ int main(int argc, char** argv) {
     Emulator em;
     bench_upload(em, dir, big, reps);
     bench_memory(em, dir, big);
-    em.az.stop();
-    run("rm -rf '" + dir + "'");
+
   } catch (const std::exception& e) {
     fprintf(stderr, "upload bench failed: %s\n", e.what());
     return 1;

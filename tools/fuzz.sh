@@ -10,14 +10,15 @@
 #
 # Needs clang and libclang-rt-14-dev (bash tools/setup.sh installs them). Builds in
 # build/fuzz. Each run gets a temporary folder under /tmp with a copy of the target's seed
-# corpus, so tests/fuzz/corpus is never written. Every target runs with -timeout=1
+# corpus, so tools/fuzz/corpus is never written. Every target runs with -timeout=1
 # -rss_limit_mb=2048; a crash, leak, time-out, memory blow-up, sanitizer report or broken
 # invariant fails the script (exit 1), after copying the input that caused it to
 # build/fuzz/findings/<target>/. Reproduce one with (the unwind option gives full leak
 # stacks through the uninstrumented JSON library):
-#   ASAN_OPTIONS=fast_unwind_on_malloc=0 build/fuzz/tests/fuzz/<target> build/fuzz/findings/<target>/<file>
-# A finding that is fixed becomes a regression: copy it to tests/fuzz/corpus/<target>/
-# under a name starting with "regress-".
+#   ASAN_OPTIONS=fast_unwind_on_malloc=0 build/fuzz/tools/fuzz/<target> build/fuzz/findings/<target>/<file>
+# A finding that is fixed becomes a regression: copy it to tools/fuzz/corpus/<target>/
+# under a name starting with "regress-", and add it as a row of the unit test that covers
+# the code it broke (tests/foundation/foundation_test.cpp holds the JSON helper rows).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -98,9 +99,9 @@ trap cleanup EXIT
 failed=()
 for t in "${targets[@]}"; do
   mkdir -p "$work/$t/artifacts" "$work/$t/tmp"
-  cp -R "$root/tests/fuzz/corpus/$t" "$work/$t/corpus"
+  cp -R "$root/tools/fuzz/corpus/$t" "$work/$t/corpus"
   extra=()
-  [ -f "$root/tests/fuzz/zel.dict" ] && extra=(-dict="$root/tests/fuzz/zel.dict")
+  [ -f "$root/tools/fuzz/zel.dict" ] && extra=(-dict="$root/tools/fuzz/zel.dict")
   limit=(-max_total_time="$seconds")
   what="$seconds s"
   if [ -n "$runs" ]; then limit=(-runs="$runs"); what="$runs runs"; fi
@@ -108,7 +109,7 @@ for t in "${targets[@]}"; do
   set +e
   # -close_fd_mask=1: the library prints parse warnings on standard output; libFuzzer
   # and the sanitizers report on standard error.
-  ZEL_FUZZ_TMP="$work/$t/tmp" "$build/tests/fuzz/$t" "$work/$t/corpus" "${limit[@]}" -timeout=1 -rss_limit_mb=2048 \
+  ZEL_FUZZ_TMP="$work/$t/tmp" "$build/tools/fuzz/$t" "$work/$t/corpus" "${limit[@]}" -timeout=1 -rss_limit_mb=2048 \
     "${extra[@]}" -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$work/$t/artifacts/" \
     >"$work/$t/log" 2>&1
   rc=$?

@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""Fault soak: runs bench/zel_soak_host against the local cloud while breaking the cloud
+"""Fault soak: runs the soak host (tools/soak_host.cpp, built as build/tools/zel_soak_host)
+against the local cloud while breaking the cloud
 around it, then reports whether the library held.
 
 Usage:
-  soak.py --host-binary BUILD/bench/zel_soak_host [--minutes 10 | --hours 8]
+  soak.py [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
           [--clip-bytes N] [--state DIR] [--keep] [--seed N]
 
 Everything listens on 127.0.0.1. The run lasts --minutes (10 by default) or --hours;
@@ -898,7 +899,8 @@ class Soak:
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--host-binary", required=True)
+    parser.add_argument("--host-binary", default=os.path.join(
+        os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build", "tools", "zel_soak_host"))
     parser.add_argument("--minutes", type=float, default=10)
     parser.add_argument("--hours", type=float, default=0, help="long mode, for a person to start by hand")
     parser.add_argument("--clip-bytes", type=int, default=16 * 1024 * 1024)

@@ -1,21 +1,47 @@
 """The blob storage side of the local cloud: the Azurite emulator over HTTPS.
 
-Used by tools/demo.py and tools/cloud/local_cloud.py. The emulator comes from npm,
+Used by tools/demo.py, tools/soak.py and tools/cloud/local_cloud.py, and by the tests in
+machine mode (JSON lines, like messaging_server.py):
+
+    blob_storage.py --machine --certs DIR [--container NAME ...]
+
+Data stays in memory; the emulator listens on a port of its choosing. Events:
+  {"event":"listening","port":N,"blob_domain":".blob.localhost:N","account":..}
+  {"event":"recording","port":N}      a recording endpoint is up (see "record")
+  {"event":"request","head":..,"length":N,"sha256":..}   one request it received
+Commands (an optional "seq" is echoed in the answer):
+  {"cmd":"sas","permissions":"racwdl"}  -> {"event":"sas","token":..}
+  {"cmd":"container","name":..}         -> {"event":"done"}
+  {"cmd":"blob","path":"container/name"} -> {"event":"blob","status":N,"length":N,
+                                             "blob_type":..,"sha256":..}
+  {"cmd":"record","status":N,"headers":{..},"body":..}: an HTTPS endpoint with the same
+      certificate that answers every request so and reports it (what the emulator never
+      answers, and the exact request head)
+  {"cmd":"stop"} kills the emulator as a crash would; {"cmd":"start"} brings it back on
+  the same port. The program ends when its input ends. The emulator comes from npm,
 pinned in package.json / package-lock.json next to this file (tools/setup.sh runs
 `npm ci` here). It serves the published development account devstoreaccount1 at
 https://devstoreaccount1.blob.localhost:PORT, which the library reaches when
 ZEL_BLOB_DOMAIN is ".blob.localhost:PORT".
 """
 
+import argparse
 import base64
 import datetime
 import hashlib
 import hmac
+import http.server
+import json
 import os
-import socket
+import re
+import shutil
 import ssl
 import subprocess
+import sys
+import tempfile
+import threading
 import time
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -25,37 +51,44 @@ ACCOUNT = "devstoreaccount1"
 ACCOUNT_KEY = "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw=="
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 class BlobStorage:
-    def __init__(self, certs, location, port=0):
+    """The emulator; location None keeps the data in memory. Port 0: its own choice."""
+
+    def __init__(self, certs, location=None, port=0):
         self.account = ACCOUNT
-        self.port = port or free_port()
+        self.certs = certs
         self.ca = os.path.join(certs, "ca.pem")
-        os.makedirs(location, exist_ok=True)
+        self.location = location
+        self.scratch = None
+        if location is None:
+            self.scratch = tempfile.mkdtemp(prefix="zel-blob-")
+        else:
+            os.makedirs(location, exist_ok=True)
+        self.start(port)
+
+    def start(self, port=None):
+        port = self.port if port is None else port
         program = os.path.join(HERE, "node_modules", ".bin", "azurite-blob")
         if not os.path.exists(program):
             raise RuntimeError("the blob storage emulator is not installed: run tools/setup.sh")
-        self.log = open(os.path.join(location, "azurite.log"), "w")
+        log_path = os.path.join(self.location or self.scratch, "azurite.log")
+        self.log = open(log_path, "w")
+        store = ["--location", self.location] if self.location else ["--inMemoryPersistence"]
         self.proc = subprocess.Popen(
-            [program, "--blobHost", "127.0.0.1", "--blobPort", str(self.port),
-             "--cert", os.path.join(certs, "server.pem"), "--key", os.path.join(certs, "server.key"),
-             "--location", location, "--skipApiVersionCheck", "--disableTelemetry"],
-            stdout=self.log, stderr=subprocess.STDOUT)
+            [program, "--blobHost", "127.0.0.1", "--blobPort", str(port),
+             "--cert", os.path.join(self.certs, "server.pem"),
+             "--key", os.path.join(self.certs, "server.key"),
+             "--skipApiVersionCheck", "--disableTelemetry"] + store,
+            stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch)
         deadline = time.time() + 30
-        while time.time() < deadline:
-            try:
-                with socket.create_connection(("127.0.0.1", self.port), timeout=1):
-                    return
-            except OSError:
-                if self.proc.poll() is not None:
-                    break
-                time.sleep(0.2)
-        raise RuntimeError("the blob storage emulator did not start; see %s" % self.log.name)
+        while time.time() < deadline and self.proc.poll() is None:
+            with open(log_path) as f:
+                found = re.search(r"successfully listens on https://127\.0\.0\.1:(\d+)", f.read())
+            if found:
+                self.port = int(found.group(1))
+                return
+            time.sleep(0.1)
+        raise RuntimeError("the blob storage emulator did not start; see %s" % log_path)
 
     @property
     def blob_domain(self):
@@ -93,6 +126,23 @@ class BlobStorage:
         with self._open("HEAD", path) as reply:
             return int(reply.headers.get("Content-Length", "-1"))
 
+    def blob(self, path):
+        """Status, type, length and SHA-256 of a stored blob."""
+        try:
+            with self._open("GET", path) as reply:
+                data = reply.read()
+                return {"status": reply.status, "length": len(data),
+                        "blob_type": reply.headers.get("x-ms-blob-type", ""),
+                        "sha256": hashlib.sha256(data).hexdigest()}
+        except urllib.error.HTTPError as e:
+            return {"status": e.code, "length": -1, "blob_type": "", "sha256": ""}
+
+    def kill(self):
+        if self.proc.poll() is None:
+            self.proc.kill()
+            self.proc.wait()
+        self.log.close()
+
     def stop(self):
         if self.proc.poll() is None:
             self.proc.terminate()
@@ -101,3 +151,94 @@ class BlobStorage:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
         self.log.close()
+        if self.scratch:
+            shutil.rmtree(self.scratch, ignore_errors=True)
+
+
+def recorder(certs, answer, emit):
+    """An HTTPS endpoint that answers every request with `answer` and reports it."""
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+
+        def do_PUT(self):
+            body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
+            head = self.requestline + "\r\n" + "".join(
+                "%s: %s\r\n" % (k, v) for k, v in self.headers.items())
+            emit({"event": "request", "head": head, "length": len(body),
+                  "sha256": hashlib.sha256(body).hexdigest()})
+            payload = answer.get("body", "").encode()
+            self.send_response(int(answer.get("status", 201)))
+            for name, value in answer.get("headers", {}).items():
+                self.send_header(name, value)
+            self.send_header("Content-Length", str(len(payload)))
+            self.send_header("Connection", "close")
+            self.end_headers()
+            self.wfile.write(payload)
+            self.close_connection = True
+
+        def log_message(self, *args):
+            pass
+
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(os.path.join(certs, "server.pem"), os.path.join(certs, "server.key"))
+    server.socket = context.wrap_socket(server.socket, server_side=True)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server
+
+
+def machine(args):
+    lock = threading.Lock()
+
+    def emit(obj, seq=None):
+        if seq is not None:
+            obj["seq"] = seq
+        with lock:
+            sys.stdout.write(json.dumps(obj) + "\n")
+            sys.stdout.flush()
+
+    storage = BlobStorage(args.certs)
+    recorders = []
+    try:
+        for name in args.container:
+            storage.create_container(name)
+        emit({"event": "listening", "port": storage.port, "blob_domain": storage.blob_domain,
+              "account": storage.account})
+        for line in sys.stdin:
+            cmd = None
+            try:
+                cmd = json.loads(line)
+                seq, name = cmd.get("seq"), cmd.get("cmd")
+                if name == "sas":
+                    emit({"event": "sas", "token": storage.sas_token(cmd.get("permissions", "racwdl"))}, seq)
+                elif name == "container":
+                    storage.create_container(cmd["name"])
+                    emit({"event": "done"}, seq)
+                elif name == "blob":
+                    emit(dict(storage.blob(cmd["path"]), event="blob"), seq)
+                elif name == "record":
+                    recorders.append(recorder(args.certs, cmd, emit))
+                    emit({"event": "recording", "port": recorders[-1].server_address[1]}, seq)
+                elif name == "stop":
+                    storage.kill()
+                    emit({"event": "done"}, seq)
+                elif name == "start":
+                    storage.start()
+                    emit({"event": "done"}, seq)
+                else:
+                    emit({"event": "error", "message": "unknown command"}, seq)
+            except Exception as e:  # one bad command must not end the peer
+                emit({"event": "error", "message": str(e)}, cmd.get("seq") if isinstance(cmd, dict) else None)
+    finally:
+        for r in recorders:
+            r.shutdown()
+        storage.stop()
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--machine", action="store_true", required=True)
+    parser.add_argument("--certs", required=True)
+    parser.add_argument("--container", action="append", default=[])
+    machine(parser.parse_args())

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the fuzz targets into tests/fuzz/corpus/<target>/.
+"""Writes the seed corpus of the fuzz targets into tools/fuzz/corpus/<target>/.
 
 The seeds are what the server really sends, one file per request (valid, truncated and
 mistyped), laid out for each target's input format. Files the fuzzers found later
