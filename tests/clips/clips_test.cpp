@@ -190,6 +190,31 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
             (std::vector<int64_t>{1, 1, 0, 1, 1, 1, 4112, 1, 1}));  // the failed clip's credentials are kept
   EXPECT_EQ(s.clips_queued + s.clips_waiting_credentials + s.clips_uploading + s.clips_awaiting_confirmation, 0);
   EXPECT_EQ(s.last_upload_error, failed.message(zel::CLIP_FAILED));
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
+  zel::advance_clock(5);  // the next attempt is due
+  ASSERT_TRUE(cloud.sent("version", 1, 10s));
+  ASSERT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }));
+  EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
+}
+
+// The cap holds one upload's rate, as its own progress reports show, over 5 s.
+TEST_F(Pipeline, CapHoldsASingleUpload) {
+  Device device(cloud, cc);
+  zel::Upload::set_upload_rate_limit(1 << 20);
+  std::mutex mu;
+  std::vector<std::pair<std::chrono::steady_clock::time_point, int64_t>> seen;
+  zel::UploadOpts opts{1, 10, 30, [&](const std::string&, int, int64_t, int64_t sent) {
+                         std::lock_guard<std::mutex> lock(mu);
+                         return seen.emplace_back(std::chrono::steady_clock::now(), sent), 0;
+                       }};
+  Reports r;
+  zel::Upload::upload_clip(clip(dir.file("capped.mp4", random_bytes(8 << 20, 3)), kStart, r), opts);
+  ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED)) << r.message(zel::CLIP_FAILED);
+  zel::Upload::set_upload_rate_limit(0);
+  std::lock_guard<std::mutex> lock(mu);
+  ASSERT_GE(seen.size(), 6u);
+  double rate = (seen[5].second - seen[0].second) / std::chrono::duration<double>(seen[5].first - seen[0].first).count();
+  EXPECT_NEAR(rate, 1 << 20, 0.15 * (1 << 20));
 }
 
 // The host's own log: every line without its newline, none with a secret, libcurl's too.
@@ -203,6 +228,7 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
   });
   {
     Device device(cloud, cc);
+    zel::Upload::send_camera_setting("0A1B2C3D4E5F", "big", "\"" + std::string(1 << 20, 'x') + "\"");
     Reports r;
     zel::Upload::upload_clip(clip(dir.file("c.mp4", "c"), kStart, r));
     ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED));
@@ -221,6 +247,8 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
                        [&](const std::string& l) { return l.rfind(head, 0) == 0 && l.find(part) != std::string::npos; });
   };
   EXPECT_TRUE(has("4|> PUT /", "")) << "libcurl's verbose lines were expected";
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "4|Attempting to connect to messaging server..."), 1);
+  EXPECT_TRUE(has("2|Payload(", ") bigger than buffer(1048576), skipping"));
 }
 
 }  // namespace

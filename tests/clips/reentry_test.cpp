@@ -68,7 +68,13 @@ TEST_F(Reentry, ProgressFunctionCallsInAndDisconnectStillEnds) {
     return ++calls, 0;
   };
   Reports r;
-  Upload::upload_clip(clip(1614600000, r), opts);
+  zel::ClipInfo c = clip(1614600000, r);
+  std::atomic<int> connect_in_drain{-1};  // the last report comes during disconnect
+  c.callback = [&, record = r.callback()](int state, const zel::ClipInfo& info, std::string m) {
+    if (state == zel::CLIP_FAILED) connect_in_drain = Upload::connect(cloud.params(), nullptr, nullptr, {});
+    record(state, info, m);
+  };
+  Upload::upload_clip(c, opts);
   ASSERT_TRUE(r.wait(zel::CLIP_UPLOADING, 10s));
   ASSERT_TRUE(eventually([&] { return calls >= 2; }));
   EXPECT_EQ(refused, 3 * calls);
@@ -76,6 +82,7 @@ TEST_F(Reentry, ProgressFunctionCallsInAndDisconnectStillEnds) {
   disconnect_within_bound();
   EXPECT_EQ(r.states().back(), zel::CLIP_FAILED);
   EXPECT_EQ(r.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
+  EXPECT_EQ(connect_in_drain, 0);  // refused at once, not a deadlock
 }
 
 TEST_F(Reentry, StalledUploadFailsAndFreesItsSlot) {
@@ -97,7 +104,15 @@ TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   connect();
   Upload::set_upload_threads(3);
   disconnect_within_bound();
-  connect();
+  std::atomic<bool> stop{false};
+  auto reporter = [&] {
+    for (; !stop; std::this_thread::sleep_for(1ms))
+      Upload::register_camera("0A1B2C3D4E5F"), Upload::send_camera_setting("0A1B2C3D4E5F", "n", "1"), Upload::cloud_sync();
+  };
+  std::thread a(reporter), b(reporter);
+  EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, nullptr, {}));  // the identity, rewritten as both report
+  stop = true, a.join(), b.join();
+  EXPECT_TRUE(cloud.sent("version", connects++, 10s));
   Reports r[3];
   for (int i = 0; i < 3; ++i) Upload::upload_clip(clip(1614600000 + 100 * i, r[i]), no_limit);
   for (auto& one : r) EXPECT_TRUE(one.wait(zel::CLIP_UPLOADING, 10s));
