@@ -8,6 +8,7 @@
 #include <future>
 
 #include "foundation/log.h"
+#include "foundation/proxy_settings.h"
 #include "foundation/time_utils.h"
 #include "inventory/templates.h"
 #include "link/websocket_client.h"
@@ -71,6 +72,8 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
   cameras = camera_list;
   on_connect_cb = std::move(on_connect_fn);
   on_disconnect_cb = std::move(on_disconnect_fn);
+  // One reading of the proxy configuration serves the link and the uploads alike.
+  capture_proxy_settings();
   start_upload_pool(cc.ca_path);
 
   WebSocketClient::instance().initialize(

@@ -1,6 +1,7 @@
 // The host's facade: every operation forwards to the Messaging singleton.
 #include "zel/upload.h"
 
+#include "foundation/proxy_settings.h"
 #include "messaging/messaging.h"
 
 namespace zel {
@@ -61,5 +62,7 @@ void Upload::send_action_scheduler(const std::string& action_scheduler_uuid,
 }
 
 void Upload::set_upload_threads(unsigned n) { Messaging::get().set_upload_threads(n); }
+
+bool Upload::set_proxy(const std::string& proxy_uri) { return set_proxy_override(proxy_uri); }
 
 }  // namespace zel
