@@ -47,8 +47,9 @@ TEST(ProxyDecision, UrisAndNoProxyLists) {
   EXPECT_EQ(zel::ProxySettings::read("http://o:2").route_for("ws", "a.b")->address(), "o:2");
 }
 
-// The proxy password, the wrong one tried, and the first as a Basic token.
-const char* const kSecrets[] = {"s3c.r3t-K9", "wr0ng-K9", "YWxpY2U6czNjLnIzdC1LOQ=="};
+// The proxy password, the wrong one tried, and both as Basic tokens.
+const char* const kSecrets[] = {"s3c.r3t-K9", "wr0ng-K9", "YWxpY2U6czNjLnIzdC1LOQ==",
+                                "YWxpY2U6d3IwbmctSzk="};
 
 // Every case runs with ZEL_DEBUG; nothing written anywhere may hold a secret.
 class Proxy : public ::testing::Test {
@@ -138,8 +139,9 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
 
 TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
   Tinyproxy proxy("BasicAuth alice s3c.r3t-K9");
+  // tinyproxy answers wrong credentials with 401, missing ones with 407.
   const std::string refused =
-      "Proxy 127.0.0.1:" + std::to_string(proxy.port()) + " refused CONNECT with status 407";
+      "Proxy 127.0.0.1:" + std::to_string(proxy.port()) + " refused CONNECT with status 401";
   struct Row {
     const char* userinfo;
     const char* no_proxy;
@@ -165,7 +167,8 @@ TEST_F(Proxy, RefusedOrAbsentProxyIsLoggedAndRetriedEveryFiveSeconds) {
   Tinyproxy auth("BasicAuth alice s3c.r3t-K9"), forbidding("ConnectPort 1"), gone;
   gone.stop();
   for (auto [proxy, userinfo, what] :
-       {std::tuple{&auth, "alice:wr0ng-K9", "refused CONNECT with status 407"},
+       {std::tuple{&auth, "", "refused CONNECT with status 407"},
+        {&auth, "alice:wr0ng-K9", "refused CONNECT with status 401"},  // tinyproxy's answer
         {&forbidding, "", "refused CONNECT with status 403"}, {&gone, "", "unreachable"}}) {
     ASSERT_TRUE(zel::Upload::set_proxy(proxy->uri(userinfo)));
     size_t attempts = log.count("Attempting to connect to messaging server...\n");
