@@ -84,8 +84,8 @@ std::string first_env(std::initializer_list<const char*> names) {
 }
 
 std::mutex g_mutex;
-std::string g_override;     // guarded by g_mutex
-ProxySettings g_settings;   // guarded by g_mutex
+std::string g_override;    // guarded by g_mutex
+ProxySettings g_settings;  // guarded by g_mutex
 
 }  // namespace
 
@@ -164,7 +164,8 @@ bool no_proxy_matches(const std::string& no_proxy, const std::string& target) {
     if (!entry.empty() && entry.back() == '.') entry.pop_back();
     if (entry.empty()) continue;
     if (host == entry) return true;
-    if (host.size() > entry.size() && host.compare(host.size() - entry.size(), entry.size(), entry) == 0 &&
+    if (host.size() > entry.size() &&
+        host.compare(host.size() - entry.size(), entry.size(), entry) == 0 &&
         host[host.size() - entry.size() - 1] == '.')
       return true;
   }
@@ -187,9 +188,9 @@ ProxySettings ProxySettings::read(const std::string& override_uri) {
 std::optional<ProxyRoute> ProxySettings::route_for(const std::string& scheme,
                                                    const std::string& target) const {
   std::string s = lower(scheme);
-  const std::string& uri = (s == "wss" || s == "https")  ? https_proxy
+  const std::string& uri = (s == "wss" || s == "https") ? https_proxy
                            : (s == "ws" || s == "http") ? http_proxy
-                                                         : std::string();
+                                                        : std::string();
   if (uri.empty()) return std::nullopt;
   std::string host, port;
   if (!split_host_port(target, &host, &port) || no_proxy_matches(no_proxy, host))

@@ -13,8 +13,7 @@ namespace {
 // to the proxy are blanked: the Basic token is the password, merely encoded.
 int redacting_debug(CURL*, curl_infotype type, char* data, size_t size, void*) {
   static const char* const kPrefix[] = {"* ", "< ", "> "};
-  if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT)
-    return 0;
+  if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT) return 0;
   std::string text(data, size);
   static const char kAuth[] = "Proxy-Authorization:";
   for (size_t line = 0; line < text.size();) {

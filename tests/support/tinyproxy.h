@@ -1,14 +1,12 @@
-// Debian's tinyproxy as a test peer on 127.0.0.1: its own configuration, port and log in a
-// temporary directory; stop() kills it as a crash would, start() brings it back on the port.
+// tinyproxy on 127.0.0.1 with its own configuration, port, log and pid file in a temporary
+// directory. stop() kills it as a crash would; start() brings it back on the same port.
 #pragma once
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -20,62 +18,45 @@ namespace zel_test {
 
 class Tinyproxy {
  public:
+  const int port = free_port();
+  const std::string dir = make_temp_dir("zel-tinyproxy-");
+
   // extra: configuration lines, e.g. "BasicAuth user password" or "ConnectPort 1".
-  explicit Tinyproxy(const std::string& extra = "")
-      : dir_(make_temp_dir("zel-tinyproxy-")), port_(free_port()) {
-    std::ofstream(dir_ + "/tinyproxy.conf")
-        << "Port " << port_ << "\nListen 127.0.0.1\nTimeout 30\nLogLevel Info\nLogFile \""
-        << dir_ << "/tinyproxy.log\"\n" << extra << "\n";
+  explicit Tinyproxy(const std::string& extra = "") {
+    std::ofstream(dir + "/conf") << "Port " << port << "\nListen 127.0.0.1\nLogLevel Connect\n"
+                                 << "LogFile \"" << dir << "/log\"\nPidFile \"" << dir << "/pid\"\n"
+                                 << extra << "\n";
     start();
   }
   ~Tinyproxy() { stop(); }
-
-  void start() {
-    std::string conf = dir_ + "/tinyproxy.conf";
-    size_t starts = count("Starting main loop");
-    char* argv[] = {const_cast<char*>("tinyproxy"), const_cast<char*>("-d"),
-                    const_cast<char*>("-c"), conf.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    posix_spawnp(&pid_, "tinyproxy", &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    for (int i = 0; i < 100 && count("Starting main loop") == starts; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  void start() {  // retried: the port of a proxy just killed may not be free at once
+    for (int i = 0; i < 100 && pid_ <= 0; ++i) {
+      if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      if (i % 10 == 0) std::system(("tinyproxy -c " + dir + "/conf").c_str());
+      std::ifstream(dir + "/pid") >> pid_;
+    }
   }
   void stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    std::remove((dir + "/pid").c_str());
+    pid_ = 0;
   }
-  int port() const { return port_; }
   std::string uri(const std::string& userinfo = "") const {
-    return "http://" + (userinfo.empty() ? "" : userinfo + "@") + "127.0.0.1:" +
-           std::to_string(port_);
+    return "http://" + userinfo + (userinfo.empty() ? "" : "@") +
+           "127.0.0.1:" + std::to_string(port);
   }
-  std::string log() const {
-    std::ostringstream s;
-    s << std::ifstream(dir_ + "/tinyproxy.log").rdbuf();
-    return s.str();
-  }
-  size_t count(const std::string& fragment) const {
-    std::string text = log();
-    size_t n = 0;
-    for (size_t at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1))
-      ++n;
-    return n;
-  }
-  // Requests to open a tunnel to "host:port" that the proxy received.
+  // How many tunnels to "host:port" the proxy was asked for.
   size_t connects_to(const std::string& host_port) const {
-    return count("CONNECT " + host_port + " HTTP");
+    std::stringstream log;
+    log << std::ifstream(dir + "/log").rdbuf();
+    size_t n = 0;
+    for (std::string line; std::getline(log, line);)
+      n += line.find(": CONNECT " + host_port + " HTTP/") != std::string::npos;
+    return n;
   }
 
  private:
-  std::string dir_;
-  int port_;
-  pid_t pid_ = -1;
+  int pid_ = 0;
 };
 
 }  // namespace zel_test
