@@ -3,10 +3,11 @@
 #pragma once
 
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -30,14 +31,19 @@ class Tinyproxy {
   }
   ~Tinyproxy() { stop(); }
   void start() {  // retried: the port of a proxy just killed may not be free at once
-    for (int i = 0; i < 100 && pid_ <= 0; ++i) {
-      if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      if (i % 10 == 0) std::system(("tinyproxy -c " + dir + "/conf").c_str());
-      std::ifstream(dir + "/pid") >> pid_;
+    std::string conf = dir + "/conf";
+    char* argv[] = {const_cast<char*>("tinyproxy"), const_cast<char*>("-d"),
+                    const_cast<char*>("-c"), conf.data(), nullptr};
+    for (int i = 0; i < 50 && pid_ <= 0; ++i) {
+      posix_spawnp(&pid_, "tinyproxy", nullptr, nullptr, argv, environ);
+      int ready = 0;  // the pid file is written once it listens
+      for (int j = 0; j < 50 && !(std::ifstream(dir + "/pid") >> ready); ++j)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      if (ready != pid_) stop();
     }
   }
   void stop() {
-    if (pid_ > 0) kill(pid_, SIGKILL);
+    if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     std::remove((dir + "/pid").c_str());
     pid_ = 0;
   }
