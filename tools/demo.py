@@ -2,11 +2,13 @@
 """Runs the example NVR host against the local cloud and tells the story of it.
 
 Usage: demo.py --host-binary PATH [--state DIR] [--clip-bytes N] [--no-storage]
+               [--proxy [--proxy-auth USER:PASSWORD]]
 
 It makes certificates under DIR (tools/cloud/state by default), starts the messaging
 server (and the blob storage emulator unless --no-storage), starts the host, shows
 what each side says, asks the host to perform an action from the cloud side, and
-exits 0 only if every step of the story happened.
+exits 0 only if every step of the story happened. With --proxy the host reaches both
+through an HTTP proxy (tinyproxy on loopback), whose own log then shows each tunnel.
 """
 
 import argparse
@@ -108,6 +110,8 @@ def main():
     parser.add_argument("--state", default=os.path.join(CLOUD, "state"))
     parser.add_argument("--clip-bytes", type=int, default=48 * 1024 * 1024)
     parser.add_argument("--no-storage", action="store_true")
+    parser.add_argument("--proxy", action="store_true")
+    parser.add_argument("--proxy-auth", metavar="USER:PASSWORD")
     args = parser.parse_args()
 
     certs = os.path.join(args.state, "certs")
@@ -128,6 +132,13 @@ def main():
     host_cmd = [args.host_binary, "--server", "wss://127.0.0.1:%d/" % server.port, "--mac", DEVICE_MAC,
                 "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
                 "--key", os.path.join(certs, "client.key"), "--camera", CAMERA, "--wait", "20"]
+    proxy = None
+    if args.proxy:
+        sys.path.insert(0, CLOUD)
+        from http_proxy import HttpProxy  # noqa: E402 (only needed with a proxy)
+        proxy = HttpProxy(os.path.join(args.state, "proxy"), auth=args.proxy_auth)
+        say("[proxy] tinyproxy on %s, in front of both; its log: %s" % (proxy.redacted_uri, proxy.log_path))
+        host_cmd += ["--proxy", proxy.uri]
     env = dict(os.environ)
     clip_path = None
     if storage:
@@ -207,6 +218,13 @@ def main():
             (blob, size, args.clip_bytes, expected))
     if storage:
         storage.stop()
+    tunnels = []
+    if proxy:
+        proxy.stop()
+        tunnels = proxy.tunnels()
+        for tunnel in tunnels:
+            say("[proxy] CONNECT %s (%s)" % (tunnel, "the link" if tunnel == "127.0.0.1:%d" % server.port
+                                               else "the upload" if tunnel.startswith("devstoreaccount1.") else "?"))
 
     checks = {
         "version announced": "version" in seen,
@@ -221,6 +239,10 @@ def main():
     if storage:
         checks["clip uploaded and confirmed"] = "archive" in seen and rc == 0
         checks["blob stored encrypted at its path"] = blob_ok
+    if proxy:
+        checks["link went through the proxy"] = "127.0.0.1:%d" % server.port in tunnels
+        if storage:
+            checks["upload went through the proxy"] = any(t.startswith("devstoreaccount1.") for t in tunnels)
     say("")
     for name, ok in checks.items():
         say("%s %s" % ("ok  " if ok else "FAIL", name))
