@@ -10,16 +10,20 @@
 namespace zel {
 
 namespace {
-// Guards the lws logger (its default emitter formats into a shared buffer) and the observer.
+// Guards our lines on standard error, the enabled flag and the observer.
 std::mutex g_log_mutex;
 std::function<void(int, const std::string&)> g_observer;
+bool g_enabled = false;
 }  // namespace
 
 namespace {
 // The logger starts silent unless ZEL_DEBUG asks otherwise, even for lines written
 // before the first connect.
 std::once_flag g_level_once;
-void apply_level_locked() { lws_set_log_level(std::getenv("ZEL_DEBUG") != nullptr ? 65535 : 0, nullptr); }
+void apply_level_locked() {
+  g_enabled = std::getenv("ZEL_DEBUG") != nullptr;
+  lws_set_log_level(g_enabled ? 65535 : 0, nullptr);
+}
 }  // namespace
 
 void zel_log(int level, const char* format, ...) {
@@ -47,7 +51,13 @@ void zel_log(int level, const char* format, ...) {
   va_end(copy);
 
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  _lws_log(level, "%s", line.c_str());
+  // Written here in lws's own format rather than through _lws_log: lws formats into one
+  // static buffer, which its own lines on the worker thread use without our lock.
+  if (g_enabled) {
+    char stamp[64];
+    lwsl_timestamp(level, stamp, sizeof stamp);
+    std::fprintf(stderr, "%s%s", stamp, line.c_str());
+  }
   if (g_observer) g_observer(level, line);
 }
 

@@ -1,5 +1,6 @@
-// The library's one way to log. Every thread comes through here; lines reach the
-// libwebsockets logger under one mutex, since its formatter is not thread-safe.
+// The library's one way to log. Every thread comes through here; lines go to standard
+// error, in libwebsockets' format, under one mutex. lws's formatter is not thread-safe
+// and is left to lws's own lines, all written on the worker thread.
 #pragma once
 
 #include <functional>
