@@ -2,6 +2,7 @@
 """Runs the example NVR host against the local cloud and tells the story of it.
 
 Usage: demo.py --host-binary PATH [--state DIR] [--clip-bytes N] [--no-storage] [--web [PORT]]
+               [--proxy [--proxy-auth USER:PASSWORD]]
 
 It makes certificates under DIR (tools/cloud/state by default), starts the messaging
 server (and the blob storage emulator unless --no-storage), starts the host, shows
@@ -10,6 +11,8 @@ exits 0 only if every step of the story happened. The host uploads a short real 
 (a test pattern made once by ffmpeg) and then a large random file for the upload figures
 (--clip-bytes 0 leaves it out). With --web the browser console watches the messaging
 server, and the cloud and the page stay up after the story until Ctrl-C.
+With --proxy the host reaches both through an HTTP proxy (tinyproxy on loopback), whose
+own log then shows each tunnel.
 """
 
 import argparse
@@ -119,6 +122,8 @@ def main():
     parser.add_argument("--no-storage", action="store_true")
     parser.add_argument("--web", type=int, nargs="?", const=8080, metavar="PORT",
                         help="serve the browser console and stay up after the story until Ctrl-C")
+    parser.add_argument("--proxy", action="store_true")
+    parser.add_argument("--proxy-auth", metavar="USER:PASSWORD")
     args = parser.parse_args()
 
     certs = os.path.join(args.state, "certs")
@@ -144,6 +149,13 @@ def main():
     host_cmd = [args.host_binary, "--server", "wss://127.0.0.1:%d/" % server.port, "--mac", DEVICE_MAC,
                 "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
                 "--key", os.path.join(certs, "client.key"), "--camera", CAMERA, "--wait", "20"]
+    proxy = None
+    if args.proxy:
+        sys.path.insert(0, CLOUD)
+        from http_proxy import HttpProxy  # noqa: E402 (only needed with a proxy)
+        proxy = HttpProxy(os.path.join(args.state, "proxy"), auth=args.proxy_auth)
+        say("[proxy] tinyproxy on %s, in front of both; its log: %s" % (proxy.redacted_uri, proxy.log_path))
+        host_cmd += ["--proxy", proxy.uri]
     env = dict(os.environ)
     recording = os.path.join(args.state, "recording.mp4")
     if storage:
@@ -214,6 +226,13 @@ def main():
         clips = [recording] + ([big_clip] if args.clip_bytes > 0 else [])
         blob_ok = len(archives) == len(clips) and all(
             check_blob(storage, archive, path) for archive, path in zip(archives, clips))
+    tunnels = []
+    if proxy:
+        proxy.stop()
+        tunnels = proxy.tunnels()
+        for tunnel in tunnels:
+            say("[proxy] CONNECT %s (%s)" % (tunnel, "the link" if tunnel == "127.0.0.1:%d" % server.port
+                                               else "the upload" if tunnel.startswith("devstoreaccount1.") else "?"))
 
     checks = {
         "version announced": "version" in seen,
@@ -228,6 +247,10 @@ def main():
     if storage:
         checks["clip uploaded and confirmed"] = "archive" in seen and rc == 0
         checks["blob stored encrypted at its path"] = blob_ok
+    if proxy:
+        checks["link went through the proxy"] = "127.0.0.1:%d" % server.port in tunnels
+        if storage:
+            checks["upload went through the proxy"] = any(t.startswith("devstoreaccount1.") for t in tunnels)
     say("")
     for name, ok in checks.items():
         say("%s %s" % ("ok  " if ok else "FAIL", name))

@@ -12,8 +12,9 @@ jobs=$(nproc)
 
 bash tools/setup.sh
 echo "== building and installing libzel-cloud into $prefix"
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DZEL_BUILD_TESTS=OFF \
-  -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_BENCH=OFF >/dev/null
+# The prefix is given at configure time too: zel-cloud.pc records it.
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+  -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_BENCH=OFF >/dev/null
 cmake --build build/release -j"$jobs" >/dev/null
 cmake --install build/release --prefix "$prefix" >/dev/null
 ldconfig 2>/dev/null || true

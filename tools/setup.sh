@@ -8,7 +8,7 @@ packages=(
   libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev
   libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
-  python3-websockets openssl ca-certificates
+  python3-websockets openssl ca-certificates tinyproxy
   # the local cloud's browser console, its real test clip and the browser that tests it
   python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
 )
@@ -25,6 +25,14 @@ if [ "${#missing[@]}" -gt 0 ]; then
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 else
   echo "setup: Debian packages already installed"
+fi
+
+# A proxy resolves the blob host with the system resolver, which knows no *.localhost
+# names (libcurl resolves those itself): give it the emulator's documented entry.
+blob_host=devstoreaccount1.blob.localhost
+if ! getent hosts "$blob_host" >/dev/null 2>&1; then
+  echo "setup: adding $blob_host to /etc/hosts"
+  echo "127.0.0.1 $blob_host" >>/etc/hosts
 fi
 
 # Azurite (blob storage emulator) comes from npm, pinned by tools/cloud/package-lock.json.

@@ -2,7 +2,7 @@
 //
 //   zel_example_host --server wss://127.0.0.1:8443/ --ca ca.pem --cert client.pem
 //                    --key client.key --mac 00:11:22:33:44:55 [--clip FILE] [--big-clip FILE]
-//                    [--wait 20]
+//                    [--wait 20] [--proxy http://[user:password@]host:port]
 //
 // It registers the four callbacks, connects, announces a camera, a relay and a door,
 // sends a motion and an access event, uploads the clips it is given (a short recording,
@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
   if (arg["--server"].empty() || arg["--mac"].empty()) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
-                 "[--clip FILE] [--big-clip FILE] [--camera MAC] [--wait SECONDS]\n",
+                 "[--clip FILE] [--big-clip FILE] [--camera MAC] [--wait SECONDS] [--proxy URI]\n",
                  argv[0]);
     return 2;
   }
@@ -127,6 +127,11 @@ int main(int argc, char** argv) {
   });
 
   // 2. Connect. The cameras listed here are announced again after every reconnection.
+  // Without --proxy the library follows https_proxy / no_proxy from the environment.
+  if (!arg["--proxy"].empty() && !zel::Upload::set_proxy(arg["--proxy"])) {
+    say("the proxy URI is not of the form http://[user:password@]host:port");
+    return 2;
+  }
   zel::CloudConnect cc;
   cc.server_uri = arg["--server"];
   cc.mac_address = arg["--mac"];

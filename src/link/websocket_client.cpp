@@ -111,16 +111,21 @@ bool WebSocketClient::service_socket() {
     lws_callback_on_writable(wsi);
   }
   if (context != nullptr) {
-    lws_service(context, -1);
+    service_once();
     // One service call takes in about 16 KiB; without more rounds a 1 MiB request would
     // hold up everything behind it for seconds. Read on while the socket has data.
     for (int round = 0; round < kMaxReadRounds && wsi != nullptr; ++round) {
       pollfd ready{static_cast<int>(lws_get_socket_fd(wsi)), POLLIN, 0};
       if (ready.fd < 0 || poll(&ready, 1, 0) <= 0) break;
-      lws_service(context, -1);
+      service_once();
     }
   }
   return wsi != nullptr;
+}
+
+void WebSocketClient::service_once() {
+  if (wsi != nullptr && tunnel.active()) tunnel.peek(lws_get_socket_fd(wsi));
+  lws_service(context, -1);
 }
 
 bool WebSocketClient::is_connected() {
@@ -196,6 +201,8 @@ bool WebSocketClient::setup_connection() {
   std::strncpy(path_buffer + 1, uri_path != nullptr ? uri_path : "", sizeof path_buffer - 2);
   path_buffer[sizeof path_buffer - 1] = '\0';
 
+  if (!tunnel.apply(lws_get_vhost_by_name(context, "default"), uri_scheme, address)) return false;
+
   bool tls = uri_scheme != nullptr &&
              (std::strcmp(uri_scheme, "https") == 0 || std::strcmp(uri_scheme, "wss") == 0);
   // The server is verified against the CA, but its host name is not checked.
@@ -253,6 +260,7 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*use
   switch (reason) {
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
       zel_log(LOG_ERR, "Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n");
+      client->tunnel.report_failure();
       client->set_connected(false);
       return 0;
     case LWS_CALLBACK_CLIENT_ESTABLISHED:

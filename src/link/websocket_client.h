@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "link/outbound_type.h"
+#include "link/proxy_tunnel.h"
 #include "zel/records.h"
 
 namespace zel {
@@ -68,7 +69,10 @@ class WebSocketClient {
   bool on_worker_thread() const;
   void request_writeable_locked();
 
+  void service_once();
+
   lws* wsi = nullptr;
+  ProxyTunnel tunnel;  // worker thread only
   // Set once this side has asked lws to close the connection: lws may still offer
   // writeable events while it waits for the close to complete, and anything written
   // then would be lost with the connection. Worker thread only.

@@ -9,6 +9,7 @@
 
 #include "foundation/log.h"
 #include "foundation/thread_role.h"
+#include "foundation/proxy_settings.h"
 #include "foundation/time_utils.h"
 #include "inventory/templates.h"
 #include "link/websocket_client.h"
@@ -90,6 +91,8 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
     std::lock_guard<std::mutex> lock(stats_mutex);
     published_stats = CloudStats();  // the totals count from this connect
   }
+  // One reading of the proxy configuration serves the link and the uploads alike.
+  capture_proxy_settings();
   start_upload_pool(cc.ca_path);
 
   WebSocketClient::instance().initialize(

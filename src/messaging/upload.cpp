@@ -4,6 +4,7 @@
 #include "zel/upload.h"
 
 #include "foundation/log.h"
+#include "foundation/proxy_settings.h"
 #include "messaging/messaging.h"
 #include "upload/rate_limiter.h"
 
@@ -117,6 +118,11 @@ void Upload::set_log_levels(int levels) {
 void Upload::set_upload_rate_limit(uint64_t bytes_per_second) {
   if (in_log_callback()) return;
   upload_rate_limiter().set_rate(bytes_per_second);
+}
+
+bool Upload::set_proxy(const std::string& proxy_uri) {
+  if (in_log_callback()) return false;
+  return set_proxy_override(proxy_uri);
 }
 
 }  // namespace zel

@@ -12,6 +12,7 @@
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "upload/curl_proxy.h"
 #include "upload/curl_trace.h"
 #include "upload/rate_limiter.h"
 #include "upload/streaming_crypto.h"
@@ -248,6 +249,8 @@ UploadResult Uploader::upload(UploadData& d) {
   error_code_header.clear();
 
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+  // The same proxy decision as the link's, by the blob host.
+  std::optional<ProxyRoute> proxy = apply_proxy(handle, d.account + blob_domain());
   curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Uploader::read_callback);
   curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, size);
@@ -305,6 +308,8 @@ UploadResult Uploader::upload(UploadData& d) {
   } else {
     message += " HTTP Status Code: " + std::to_string(code);
   }
+  std::string proxy_text = proxy ? proxy_failure(handle, res, *proxy) : std::string();
+  if (!proxy_text.empty()) message += " - " + proxy_text;
   std::string service_code = service_error_code();
   // The service's own reason first: a logger may cut long lines short.
   zel_log(LOG_WARN, "Upload failed%s%s: %s; to %s from %s\n",

@@ -2,12 +2,15 @@
 """The local cloud on its own, for a person: messaging server (interactive) and blob storage.
 
     /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
+                                                [--proxy [--proxy-auth user:password]]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
 ("details", "status", "actions", "action", "update", "issueCertificate", ...; "help").
 Storage requests and record-end transactions are answered automatically. With --web the
 messaging server runs in this process and a browser console (web_console.py) watches it.
+With --proxy, tinyproxy listens on loopback in front of both, and the proxy URI to use is
+printed.
 """
 
 import argparse
@@ -19,6 +22,7 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 from blob_storage import BlobStorage  # noqa: E402
+from http_proxy import HttpProxy  # noqa: E402
 
 
 def main():
@@ -30,7 +34,13 @@ def main():
                         help="recorder MAC whose blob container to create (repeatable)")
     parser.add_argument("--web", type=int, nargs="?", const=8080, metavar="PORT",
                         help="also serve the browser console on http://127.0.0.1:PORT/ (8080; 0 picks one)")
+    parser.add_argument("--proxy", action="store_true", help="start an HTTP proxy in front of both")
+    parser.add_argument("--proxy-port", type=int, default=3128)
+    parser.add_argument("--proxy-auth", metavar="USER:PASSWORD",
+                        help="the proxy asks for Basic authentication")
     args = parser.parse_args()
+    if args.proxy_auth and not args.proxy:
+        parser.error("--proxy-auth needs --proxy")
     certs = os.path.join(args.state, "certs")
     subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
     storage = BlobStorage(certs, os.path.join(args.state, "blobs"), args.blob_port)
@@ -45,6 +55,16 @@ def main():
     for mac in args.recorder or ["001122334455"]:
         storage.create_container(mac.lower())
         print("  blob container for recorder %s is ready" % mac.lower())
+    proxy = None
+    if args.proxy:
+        try:
+            proxy = HttpProxy(os.path.join(args.state, "proxy"), args.proxy_port, args.proxy_auth)
+        except Exception:
+            storage.stop()
+            raise
+        print("  HTTP proxy in front of both: %s" % proxy.uri)
+        print("    zel::Upload::set_proxy(\"%s\"), or export https_proxy=%s" % (proxy.uri, proxy.uri))
+        print("    its log (one CONNECT line per tunnel): %s" % proxy.log_path)
     sys.stdout.flush()
     if args.web is not None:
         run_with_console(args, certs, flags, storage)
@@ -57,6 +77,8 @@ def main():
         pass
     finally:
         storage.stop()
+        if proxy:
+            proxy.stop()
 
 
 def run_with_console(args, certs, flags, storage):

@@ -1,0 +1,178 @@
+// Through an HTTP proxy (tinyproxy on loopback): the link and the uploads, credentials,
+// no_proxy, refusals, and a proxy that goes away while connected.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "foundation/time_utils.h"
+#include "messaging/messaging.h"
+#include "support/peer.h"
+
+namespace zt {
+namespace {
+
+// tinyproxy with its own configuration, log and pid file; stop() kills it as a crash would.
+struct Tinyproxy {
+  explicit Tinyproxy(const std::string& extra = "") {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);  // a port free a moment ago
+    sockaddr_in a{};
+    a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), len), getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), close(fd);
+    port = ntohs(a.sin_port);
+    std::ofstream(dir.path + "/conf") << "Port " << port << "\nListen 127.0.0.1\nLogLevel Connect\nLogFile \""
+                                      << dir.path << "/log\"\nPidFile \"" << dir.path << "/pid\"\n" << extra << "\n";
+    start();
+  }
+  ~Tinyproxy() { stop(); }
+  void start() {  // retried: the port of a proxy just killed may not be free at once
+    std::string conf = dir.path + "/conf";
+    char* argv[] = {const_cast<char*>("tinyproxy"), const_cast<char*>("-d"), const_cast<char*>("-c"), &conf[0], nullptr};
+    for (int i = 0; i < 50 && pid <= 0; ++i) {
+      posix_spawnp(&pid, "tinyproxy", nullptr, nullptr, argv, environ);
+      int ready = 0;  // the pid file is written once it listens
+      for (int j = 0; j < 50 && !(std::ifstream(dir.path + "/pid") >> ready); ++j) std::this_thread::sleep_for(20ms);
+      if (ready != pid) stop();
+    }
+  }
+  void stop() {
+    if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+    std::remove((dir.path + "/pid").c_str()), pid = 0;
+  }
+  std::string uri(const std::string& userinfo = "") const {
+    return "http://" + userinfo + (userinfo.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port);
+  }
+  size_t connects_to(const std::string& host_port) const {  // tunnels asked for
+    std::stringstream log;
+    log << std::ifstream(dir.path + "/log").rdbuf();
+    size_t n = 0;
+    for (std::string line; std::getline(log, line);) n += line.find(": CONNECT " + host_port + " HTTP/") != std::string::npos;
+    return n;
+  }
+  TempDir dir;
+  int port = 0;
+  pid_t pid = 0;
+};
+
+// The proxy password, the wrong one tried, and both as Basic tokens.
+const char* const kSecrets[] = {"s3c.r3t-K9", "wr0ng-K9", "YWxpY2U6czNjLnIzdC1LOQ==", "YWxpY2U6d3IwbmctSzk="};
+
+// Every case runs with ZEL_DEBUG and keeps every line the library writes (libcurl's verbose
+// output included) and every clip message: none may hold a secret.
+class Proxy : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("ZEL_DEBUG", "1", 1);
+    zel::Upload::register_log([this](int, const std::string& line) { said += line + "\n"; });
+  }
+  void TearDown() override {
+    zel::Upload::register_log(nullptr), zel::Upload::set_proxy("");
+    for (const char* name : {"https_proxy", "no_proxy", "ZEL_DEBUG"}) unsetenv(name);
+    for (const char* secret : kSecrets) EXPECT_EQ(said.find(secret), std::string::npos) << secret;
+  }
+  std::string flags() {
+    return "{\"auto_storage\":true,\"auto_ack\":true,\"storage_secret\":\"clip-secret\",\"storage_token\":\"" +
+           storage_token() + "\"}";
+  }
+  zel::CloudConnect params(Cloud& cloud) {
+    zel::CloudConnect cc = cloud.params();
+    return cc.mac_address = "0011223344AA", cc;  // also the blob container
+  }
+  int upload() {  // one clip; its last state
+    Reports r;
+    zel::Upload::upload_clip({clip, "0A1B2C3D4E5F", 1614600000, 1614600060, 50000, {}, "", r.callback()});
+    eventually([&] { return r.states().size() > 0 && r.states().back() >= zel::CLIP_CONFIRMED; }, 30s);
+    for (int state : r.states()) said += r.message(state) + "\n";
+    return r.states().empty() ? -1 : r.states().back();
+  }
+  // The handshake and the first messages as the server saw them, comparable across runs.
+  std::string seen(Cloud& cloud) {
+    auto hello = cloud.wait([](const Event& e) { return e.kind == "connect"; });
+    std::string port = std::to_string(cloud.listening().num("port"));
+    return std::regex_replace(hello ? hello->raw : "", std::regex("\"Sec-WebSocket-Key\": \"[^\"]*\"|" + port), "") +
+           stable(cloud.sent("version").value_or("")) + stable(cloud.sent("transaction").value_or(""));
+  }
+  std::string link_host(Cloud& cloud) { return "127.0.0.1:" + std::to_string(cloud.listening().num("port")); }
+  std::string blob_host() { return "devstoreaccount1" + storage().listening().str("blob_domain"); }
+  std::string said;
+  TempDir dir;
+  std::string clip = dir.file("proxied.mp4", random_bytes(50000, 5));
+};
+
+TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
+  std::string direct;
+  {
+    Cloud cloud{true, flags()};
+    Device device(cloud, params(cloud), {"cam-1"});
+    direct = seen(cloud);
+  }
+  Tinyproxy proxy;
+  setenv("https_proxy", proxy.uri().c_str(), 1);
+  Cloud cloud{true, flags()};
+  Device device(cloud, params(cloud), {"cam-1"});
+  EXPECT_EQ(seen(cloud), direct);
+  EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << said;
+  EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1u);
+  EXPECT_EQ(proxy.connects_to(blob_host()), 1u);
+  Event blob = storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/1614600000.mp4\"}");
+  EXPECT_EQ(blob.str("sha256"), sha256_hex(openssl_enc(clip, "clip-secret")));
+
+  proxy.stop();
+  ASSERT_NE(cloud.close_code(0, 5s), -1);
+  proxy.start();
+  auto back = std::chrono::steady_clock::now();
+  ASSERT_TRUE(cloud.sent("version", 1, 8s));
+  EXPECT_LE(std::chrono::steady_clock::now() - back, 5500ms);
+}
+
+TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
+  Tinyproxy proxy("BasicAuth alice s3c.r3t-K9");
+  // The link through the proxy and the upload straight, then the other way round; tinyproxy
+  // answers wrong credentials with 401.
+  for (auto [userinfo, no_proxy, link_through, state, message] :
+       {std::tuple{"alice:s3c%2Er3t-K9", "other.example, .blob.localhost", 1u, 6, std::string("Uploaded")},
+        {"alice:wr0ng-K9", "127.0.0.1", 0u, 7,
+         " - Proxy 127.0.0.1:" + std::to_string(proxy.port) + " refused CONNECT with status 401\n"}}) {
+    setenv("no_proxy", no_proxy, 1);
+    ASSERT_TRUE(zel::Upload::set_proxy(proxy.uri(userinfo)));
+    size_t blob_tunnels = proxy.connects_to(blob_host());
+    Cloud cloud{true, flags()};
+    Device device(cloud, params(cloud));
+    EXPECT_EQ(upload(), state) << said;
+    EXPECT_NE(said.find(message), std::string::npos) << said;
+    EXPECT_EQ(proxy.connects_to(link_host(cloud)), link_through);
+    EXPECT_EQ(proxy.connects_to(blob_host()) - blob_tunnels, 1u - link_through);
+  }
+  EXPECT_NE(said.find("> Proxy-Authorization: [hidden]"), std::string::npos);  // libcurl's, as shown
+}
+
+TEST_F(Proxy, RefusedOrAbsentProxyIsLoggedAndRetriedEveryFiveSeconds) {
+  Tinyproxy auth("BasicAuth alice s3c.r3t-K9"), forbidding("ConnectPort 1"), gone;
+  gone.stop();
+  EXPECT_FALSE(zel::Upload::set_proxy("socks5://" + gone.uri().substr(7)));
+  LogCapture log;
+  for (auto [proxy, what] : {std::pair{&auth, "refused CONNECT with status 407"},
+                             {&forbidding, "refused CONNECT with status 403"}, {&gone, "unreachable"}}) {
+    ASSERT_TRUE(zel::Upload::set_proxy(proxy->uri()));
+    Cloud cloud;
+    ASSERT_TRUE(zel::Upload::connect(cloud.params(), nullptr, nullptr, {}));
+    std::string line = "1|Proxy 127.0.0.1:" + std::to_string(proxy->port) + " " + what + "\n";
+    EXPECT_TRUE(log.wait(line, 1, 5s));
+    zel::advance_clock(5);
+    EXPECT_TRUE(log.wait(line, 2, 5s));
+    zel::advance_clock(-5);
+    EXPECT_FALSE(cloud.wait([](const Event& e) { return e.kind == "connect"; }, 0, 100ms));
+    EXPECT_TRUE(zel::Upload::disconnect());
+    zel::Messaging::get().reset_for_tests();
+  }
+}
+
+}  // namespace
+}  // namespace zt
