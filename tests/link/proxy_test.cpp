@@ -1,15 +1,8 @@
 // Through an HTTP proxy (tinyproxy on loopback): the link and the uploads, credentials,
 // no_proxy, refusals, and a proxy that goes away while connected.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 #include "foundation/time_utils.h"
 #include "messaging/messaging.h"
@@ -18,47 +11,19 @@
 namespace zt {
 namespace {
 
-// tinyproxy with its own configuration, log and pid file; stop() kills it as a crash would.
+// tinyproxy run by tools/cloud/http_proxy.py; "stop" kills it as a crash would.
 struct Tinyproxy {
-  explicit Tinyproxy(const std::string& extra = "") {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);  // a port free a moment ago
-    sockaddr_in a{};
-    a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), len), getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), close(fd);
-    port = ntohs(a.sin_port);
-    std::ofstream(dir.path + "/conf") << "Port " << port << "\nListen 127.0.0.1\nLogLevel Connect\nLogFile \""
-                                      << dir.path << "/log\"\nPidFile \"" << dir.path << "/pid\"\n" << extra << "\n";
-    start();
+  explicit Tinyproxy(const std::vector<std::string>& args = {}) : peer("http_proxy.py", with_dir(args)) {}
+  std::vector<std::string> with_dir(std::vector<std::string> args) { return args.push_back("--machine"), args.push_back(dir.path), args; }
+  long port() { return peer.listening().num("port"); }
+  std::string uri(const std::string& userinfo = "") {
+    return "http://" + userinfo + (userinfo.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port());
   }
-  ~Tinyproxy() { stop(); }
-  void start() {  // retried: the port of a proxy just killed may not be free at once
-    std::string conf = dir.path + "/conf";
-    char* argv[] = {const_cast<char*>("tinyproxy"), const_cast<char*>("-d"), const_cast<char*>("-c"), &conf[0], nullptr};
-    for (int i = 0; i < 50 && pid <= 0; ++i) {
-      posix_spawnp(&pid, "tinyproxy", nullptr, nullptr, argv, environ);
-      int ready = 0;  // the pid file is written once it listens
-      for (int j = 0; j < 50 && !(std::ifstream(dir.path + "/pid") >> ready); ++j) std::this_thread::sleep_for(20ms);
-      if (ready != pid) stop();
-    }
-  }
-  void stop() {
-    if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-    std::remove((dir.path + "/pid").c_str()), pid = 0;
-  }
-  std::string uri(const std::string& userinfo = "") const {
-    return "http://" + userinfo + (userinfo.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port);
-  }
-  size_t connects_to(const std::string& host_port) const {  // tunnels asked for
-    std::stringstream log;
-    log << std::ifstream(dir.path + "/log").rdbuf();
-    size_t n = 0;
-    for (std::string line; std::getline(log, line);) n += line.find(": CONNECT " + host_port + " HTTP/") != std::string::npos;
-    return n;
+  size_t connects_to(const std::string& host_port) {  // tunnels asked for
+    return static_cast<size_t>(peer.command("{\"cmd\":\"tunnels\",\"to\":\"" + host_port + "\"}").num("count"));
   }
   TempDir dir;
-  int port = 0;
-  pid_t pid = 0;
+  Peer peer;
 };
 
 // The proxy password, the wrong one tried, and both as Basic tokens.
@@ -124,22 +89,22 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   Event blob = storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/1614600000.mp4\"}");
   EXPECT_EQ(blob.str("sha256"), sha256_hex(openssl_enc(clip, "clip-secret")));
 
-  proxy.stop();
+  ASSERT_TRUE(proxy.peer.ok("{\"cmd\":\"stop\"}"));
   ASSERT_NE(cloud.close_code(0, 5s), -1);
-  proxy.start();
+  ASSERT_TRUE(proxy.peer.ok("{\"cmd\":\"start\"}"));
   auto back = std::chrono::steady_clock::now();
   ASSERT_TRUE(cloud.sent("version", 1, 8s));
   EXPECT_LE(std::chrono::steady_clock::now() - back, 5500ms);
 }
 
 TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
-  Tinyproxy proxy("BasicAuth alice s3c.r3t-K9");
+  Tinyproxy proxy({"--auth", "alice:s3c.r3t-K9"});
   // The link through the proxy and the upload straight, then the other way round; tinyproxy
   // answers wrong credentials with 401.
   for (auto [userinfo, no_proxy, link_through, state, message] :
        {std::tuple{"alice:s3c%2Er3t-K9", "other.example, .blob.localhost", 1u, 6, std::string("Uploaded")},
         {"alice:wr0ng-K9", "127.0.0.1", 0u, 7,
-         " - Proxy 127.0.0.1:" + std::to_string(proxy.port) + " refused CONNECT with status 401\n"}}) {
+         " - Proxy 127.0.0.1:" + std::to_string(proxy.port()) + " refused CONNECT with status 401\n"}}) {
     setenv("no_proxy", no_proxy, 1);
     ASSERT_TRUE(zel::Upload::set_proxy(proxy.uri(userinfo)));
     size_t blob_tunnels = proxy.connects_to(blob_host());
@@ -154,8 +119,8 @@ TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
 }
 
 TEST_F(Proxy, RefusedOrAbsentProxyIsLoggedAndRetriedEveryFiveSeconds) {
-  Tinyproxy auth("BasicAuth alice s3c.r3t-K9"), forbidding("ConnectPort 1"), gone;
-  gone.stop();
+  Tinyproxy auth({"--auth", "alice:s3c.r3t-K9"}), forbidding({"--conf", "ConnectPort 1"}), gone;
+  gone.peer.ok("{\"cmd\":\"stop\"}");
   EXPECT_FALSE(zel::Upload::set_proxy("socks5://" + gone.uri().substr(7)));
   LogCapture log;
   for (auto [proxy, what] : {std::pair{&auth, "refused CONNECT with status 407"},
@@ -163,7 +128,7 @@ TEST_F(Proxy, RefusedOrAbsentProxyIsLoggedAndRetriedEveryFiveSeconds) {
     ASSERT_TRUE(zel::Upload::set_proxy(proxy->uri()));
     Cloud cloud;
     ASSERT_TRUE(zel::Upload::connect(cloud.params(), nullptr, nullptr, {}));
-    std::string line = "1|Proxy 127.0.0.1:" + std::to_string(proxy->port) + " " + what + "\n";
+    std::string line = "1|Proxy 127.0.0.1:" + std::to_string(proxy->port()) + " " + what + "\n";
     EXPECT_TRUE(log.wait(line, 1, 5s));
     zel::advance_clock(5);
     EXPECT_TRUE(log.wait(line, 2, 5s));
