@@ -13,8 +13,8 @@ namespace {
 
 // tinyproxy run by tools/cloud/http_proxy.py; "stop" kills it as a crash would.
 struct Tinyproxy {
-  explicit Tinyproxy(const std::vector<std::string>& args = {}) : peer("http_proxy.py", with_dir(args)) {}
-  std::vector<std::string> with_dir(std::vector<std::string> args) { return args.push_back("--machine"), args.push_back(dir.path), args; }
+  explicit Tinyproxy(std::vector<std::string> args = {})
+      : peer("http_proxy.py", (args.insert(args.end(), {"--machine", dir.path}), args)) {}
   long port() { return peer.listening().num("port"); }
   std::string uri(const std::string& userinfo = "") {
     return "http://" + userinfo + (userinfo.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port());
