@@ -1,9 +1,6 @@
 // Callbacks calling back in, and storage that never answers: every call returns or is
 // refused at once, and disconnect stays bounded (a hang trips the watchdog).
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
 
@@ -24,16 +21,15 @@ void within(std::chrono::seconds limit, const std::function<void()>& fn) {
 
 class Reentry : public ::testing::Test {
  protected:
-  // Storage that takes connections (the kernel does, from the backlog) and never reads.
+  // Storage that takes connections and never reads.
   void SetUp() override {
-    sockaddr_in a{};
-    a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(silent, reinterpret_cast<sockaddr*>(&a), len), listen(silent, 16);
-    getsockname(silent, reinterpret_cast<sockaddr*>(&a), &len);
-    setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(ntohs(a.sin_port))).c_str(), 1);
+    long port = storage().command("{\"cmd\":\"silent\"}").num("port");
+    setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(port)).c_str(), 1);
   }
-  void TearDown() override { close(silent), zel::Messaging::get().reset_for_tests(); }
+  void TearDown() override {
+    setenv("ZEL_BLOB_DOMAIN", storage().listening().str("blob_domain").c_str(), 1);
+    zel::Messaging::get().reset_for_tests();
+  }
   zel::ClipInfo clip(int64_t start, Reports& r) { return {path, "0A1B2C3D4E5F", start, start + 60, 4096, {}, "", r.callback()}; }
   void connect() {
     EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, nullptr, {}));
@@ -46,7 +42,6 @@ class Reentry : public ::testing::Test {
       EXPECT_LT(std::chrono::steady_clock::now() - t0, 32s);
     });
   }
-  int silent = socket(AF_INET, SOCK_STREAM, 0);
   Cloud cloud{true, "{\"auto_storage\":true}"};
   LogCapture log;
   TempDir dir;

@@ -17,6 +17,8 @@ Commands (an optional "seq" is echoed in the answer):
   {"cmd":"record","status":N,"headers":{..},"body":..}: an HTTPS endpoint with the same
       certificate that answers every request so and reports it (what the emulator never
       answers, and the exact request head)
+  {"cmd":"silent"} -> {"event":"silent","port":N}: an endpoint that takes connections
+      and never reads or answers a byte (a peer that stopped answering)
   {"cmd":"stop"} kills the emulator as a crash would; {"cmd":"start"} brings it back on
   the same port. The program ends when its input ends. The emulator comes from npm,
 pinned in package.json / package-lock.json next to this file (tools/setup.sh runs
@@ -35,6 +37,7 @@ import json
 import os
 import re
 import shutil
+import socket
 import ssl
 import subprocess
 import sys
@@ -200,6 +203,7 @@ def machine(args):
 
     storage = BlobStorage(args.certs)
     recorders = []
+    silent = []
     try:
         for name in args.container:
             storage.create_container(name)
@@ -220,6 +224,12 @@ def machine(args):
                 elif name == "record":
                     recorders.append(recorder(args.certs, cmd, emit))
                     emit({"event": "recording", "port": recorders[-1].server_address[1]}, seq)
+                elif name == "silent":
+                    # The kernel completes connections from the backlog; nobody reads them.
+                    silent.append(socket.socket())
+                    silent[-1].bind(("127.0.0.1", 0))
+                    silent[-1].listen(64)
+                    emit({"event": "silent", "port": silent[-1].getsockname()[1]}, seq)
                 elif name == "stop":
                     storage.kill()
                     emit({"event": "done"}, seq)
