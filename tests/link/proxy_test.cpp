@@ -94,7 +94,7 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   ASSERT_TRUE(proxy.peer.ok("{\"cmd\":\"start\"}"));
   auto back = std::chrono::steady_clock::now();
   ASSERT_TRUE(cloud.sent("version", 1, 8s));
-  EXPECT_LE(std::chrono::steady_clock::now() - back, 5500ms);
+  EXPECT_LE(std::chrono::steady_clock::now() - back, 7s);  // an attempt within 5 s, then its handshake
 }
 
 TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
