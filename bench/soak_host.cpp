@@ -12,7 +12,10 @@
 //   {"link":"up"|"down","t":..}                         connection callbacks
 //   {"clip":n,"state":s,"t":..,"start_time":..,"msg":..} every clip state
 //   {"t":..,"rss_kb":..,"fds":..,"threads":..,...}      about every 10 s
+//   {"resubmit":n,"as":m,"t":..}                        clip n sent again as clip m
 //   {"final":true,...}                                  the summary, last
+// Input: "resubmit N" on stdin sends clip N again (same camera, start time and bytes),
+// as a recorder does with a clip whose upload failed.
 // The library may print lines of its own on stdout; readers skip what is not JSON.
 #include <dirent.h>
 #include <malloc.h>
@@ -28,6 +31,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -274,6 +278,18 @@ bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
   return std::fclose(f) == 0 && ok;
 }
 
+std::mutex g_commands_mu;
+std::vector<int> g_resubmits;  // clip numbers to send again
+
+void read_commands() {
+  std::string line;
+  while (std::getline(std::cin, line)) {
+    if (line.rfind("resubmit ", 0) != 0) continue;
+    std::lock_guard<std::mutex> lock(g_commands_mu);
+    g_resubmits.push_back(std::atoi(line.c_str() + 9));
+  }
+}
+
 int port_of_uri(const std::string& uri) {
   size_t scheme = uri.find("://");
   size_t host = scheme == std::string::npos ? 0 : scheme + 3;
@@ -370,11 +386,12 @@ int main(int argc, char** argv) {
   int clips_submitted = 0;
 
   g_book.last.reserve(static_cast<size_t>(seconds / clip_every + 16));
-  auto submit_clip = [&]() {
+  // Clip `content` is clip n itself, or the earlier clip it sends again.
+  auto submit_clip_as = [&](int content) {
     const int n = ++clips_submitted;
     const std::string path = dir + "/soak-clip-" + std::to_string(n) + ".mp4";
-    const int64_t start_time = clip_base + static_cast<int64_t>(n) * clip_span;
-    if (!write_clip(path, clip_bytes, static_cast<uint64_t>(n))) {
+    const int64_t start_time = clip_base + static_cast<int64_t>(content) * clip_span;
+    if (!write_clip(path, clip_bytes, static_cast<uint64_t>(content))) {
       emit("{\"error\":" + json_string("could not write " + path) + "}");
     }
     {
@@ -414,7 +431,13 @@ int main(int argc, char** argv) {
     opts.timeout_seconds = 20;
     opts.confirm_timeout = 60;
     zel::Upload::upload_clip(clip, opts);
+    return n;
   };
+  auto submit_clip = [&]() { submit_clip_as(clips_submitted + 1); };
+
+  // Commands from the driver, read on a thread of their own so the loop never blocks
+  // (detached: it may sit in read() when the process ends).
+  std::thread(read_commands).detach();
 
   auto submit_events = [&]() {
     const int64_t now = static_cast<int64_t>(std::time(nullptr));
@@ -497,6 +520,17 @@ int main(int argc, char** argv) {
     if (t >= next_clip) {
       next_clip = static_cast<long>(t) + clip_every;
       submit_clip();
+    }
+    std::vector<int> again;
+    {
+      std::lock_guard<std::mutex> lock(g_commands_mu);
+      again.swap(g_resubmits);
+    }
+    for (int n : again) {
+      if (n < 1 || n > clips_submitted) continue;
+      emit("{\"resubmit\":" + std::to_string(n) + ",\"as\":" + std::to_string(clips_submitted + 1) +
+           ",\"t\":" + fixed(elapsed_s(), 3) + "}");
+      submit_clip_as(n);
     }
     tidy(false);
     if (!have_start && t >= next_check) {

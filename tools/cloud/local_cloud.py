@@ -7,6 +7,11 @@ Certificates are made on first run in tools/cloud/state/certs. The values a host
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
 ("details", "status", "actions", "action", "update", "issueCertificate", ...; "help").
 Storage requests and record-end transactions are answered automatically.
+
+With --relay, the device reaches both services through fault_relay.py (on --port and
+--blob-port; the services move to free ports behind it) and the console also takes
+"link MODE [VALUE]" and "blob MODE [VALUE]" with MODE pass, blackhole, delay MS,
+throttle BYTES_PER_S or reset, and "relay status".
 """
 
 import argparse
@@ -14,10 +19,11 @@ import json
 import os
 import subprocess
 import sys
+import threading
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
-from blob_storage import BlobStorage  # noqa: E402
+from blob_storage import BlobStorage, free_port  # noqa: E402
 
 
 def main():
@@ -27,12 +33,16 @@ def main():
     parser.add_argument("--state", default=os.path.join(HERE, "state"))
     parser.add_argument("--recorder", action="append", default=[],
                         help="recorder MAC whose blob container to create (repeatable)")
+    parser.add_argument("--relay", action="store_true",
+                        help="put the fault relay in front of both services (console: link/blob MODE)")
     args = parser.parse_args()
     certs = os.path.join(args.state, "certs")
     subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
-    storage = BlobStorage(certs, os.path.join(args.state, "blobs"), args.blob_port)
+    storage = BlobStorage(certs, os.path.join(args.state, "blobs"), 0 if args.relay else args.blob_port)
     flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
              "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret"}
+    if args.relay:
+        return run_with_relay(args, certs, storage, flags)
     print("Local cloud is up. Point the host at it with:")
     print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
     print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
@@ -51,6 +61,62 @@ def main():
     except KeyboardInterrupt:
         pass
     finally:
+        storage.stop()
+
+
+def run_with_relay(args, certs, storage, flags):
+    """The same cloud behind the fault relay; the console feeds both."""
+    server_port = free_port()
+    relay = subprocess.Popen(
+        ["/usr/bin/python3", os.path.join(HERE, "fault_relay.py"),
+         "--relay", "link=%d:%d" % (server_port, args.port),
+         "--relay", "blob=%d:%d" % (storage.port, args.blob_port)],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+    server = None
+    try:
+        for _ in range(2):
+            line = relay.stdout.readline()
+            if not line:
+                raise SystemExit("local_cloud: the relay did not start")
+        threading.Thread(target=lambda: [print("relay: " + l.rstrip(), flush=True) for l in relay.stdout],
+                         daemon=True).start()
+        print("Local cloud is up, behind the fault relay. Point the host at it with:")
+        print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
+        print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
+        print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
+        print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
+        print("  export ZEL_BLOB_DOMAIN=.blob.localhost:%d" % args.blob_port)
+        for mac in args.recorder or ["001122334455"]:
+            storage.create_container(mac.lower())
+            print("  blob container for recorder %s is ready" % mac.lower())
+        print("Console: a subject, or \"link|blob pass|blackhole|delay MS|throttle BYTES_PER_S|reset\", "
+              "\"relay status\"", flush=True)
+        server = subprocess.Popen(
+            ["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
+             "--port", str(server_port), "--cert", os.path.join(certs, "server.pem"),
+             "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem"),
+             "--set", json.dumps(flags)], stdin=subprocess.PIPE, text=True, bufsize=1)
+        for line in sys.stdin:
+            words = line.split()
+            target = server
+            if words and words[0] in ("link", "blob"):
+                target = relay
+            elif words[:2] == ["relay", "status"]:
+                target, line = relay, "status\n"
+            if target.poll() is not None:
+                break
+            target.stdin.write(line)
+            target.stdin.flush()
+    except KeyboardInterrupt:
+        pass
+    finally:
+        for proc in (server, relay):
+            if proc is not None and proc.poll() is None:
+                proc.stdin.close()
+                try:
+                    proc.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
         storage.stop()
 
 
