@@ -14,8 +14,9 @@
 //   {"t":..,"rss_kb":..,"fds":..,"threads":..,...}      about every 10 s
 //   {"resubmit":n,"as":m,"t":..}                        clip n sent again as clip m
 //   {"final":true,...}                                  the summary, last
-// Input: "resubmit N" on stdin sends clip N again (same camera, start time and bytes),
-// as a recorder does with a clip whose upload failed.
+// Input on stdin: "resubmit N" sends clip N again (same camera, start time and bytes),
+// as a recorder does with a clip whose upload failed; "events off" / "events on" stop
+// and resume the events (a quiet recorder leaves its link idle).
 // The library may print lines of its own on stdout; readers skip what is not JSON.
 #include <dirent.h>
 #include <malloc.h>
@@ -280,10 +281,12 @@ bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
 
 std::mutex g_commands_mu;
 std::vector<int> g_resubmits;  // clip numbers to send again
+std::atomic<bool> g_events_on{true};
 
 void read_commands() {
   std::string line;
   while (std::getline(std::cin, line)) {
+    if (line == "events off" || line == "events on") g_events_on = line == "events on";
     if (line.rfind("resubmit ", 0) != 0) continue;
     std::lock_guard<std::mutex> lock(g_commands_mu);
     g_resubmits.push_back(std::atoi(line.c_str() + 9));
@@ -515,7 +518,7 @@ int main(int argc, char** argv) {
     const double t = elapsed_s();
     if (t >= next_event) {
       next_event = static_cast<long>(t) + 1;
-      submit_events();
+      if (g_events_on) submit_events();
     }
     if (t >= next_clip) {
       next_clip = static_cast<long>(t) + clip_every;

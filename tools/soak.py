@@ -610,7 +610,8 @@ class Soak(NetworkFaults):
                     "--mac", DEVICE_MAC, "--ca", os.path.join(self.certs, "ca.pem"),
                     "--cert", os.path.join(self.certs, "client.pem"), "--key", os.path.join(self.certs, "client.key"),
                     "--camera", CAMERA, "--seconds", str(self.total_s), "--clip-bytes", str(self.args.clip_bytes),
-                    "--clip-every", "4", "--dir", self.clip_dir, "--final-wait", "60"]
+                    "--clip-every", "4", "--dir", self.clip_dir, "--final-wait", "60",
+                    "--warmup", str(self.net_warmup_s())]
         self.host_err = open(os.path.join(self.state, "host.stderr"), "w")
         self.host_log = open(os.path.join(self.state, "host.out"), "w", buffering=1)
         self.host = subprocess.Popen(host_cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.host_err,

@@ -109,7 +109,10 @@ class NetworkFaults:
         self.link_busy = False  # a link fault is on: no restarts or bursts meanwhile
         self.blob_busy = False  # a blob fault is on: no storage kills meanwhile
         self.armed_stall = None
+        self.blackhole_at = None  # when the next silent link is due: upload faults keep clear
+        self.throttle_rates = []
         self.last_pong = None
+        self.event_pauses = []  # [off, on] times of the host's events
         self.resubmits = {}  # new clip number -> original
 
     def net_start(self):
@@ -118,11 +121,25 @@ class NetworkFaults:
             self.relay.ports["link"], self.server_port, self.relay.ports["blob"], self.storage_port))
 
     def net_schedule(self):
-        first = self.fault_from + self.rng.uniform(40, 70) - time.monotonic()
+        # The silent link comes first, so that even a short run sees one whole.
+        first = self.fault_from + self.rng.uniform(10, 30) - time.monotonic()
+        self.blackhole_at = time.monotonic() + max(1.0, first)
         self.at(max(1.0, first), self.start_blackhole)
         self.at(self.rng.uniform(60, 100) if self.total_s > 600 else 25, self.arm_stall)
         self.at(self.rng.uniform(100, 160) if self.total_s > 600 else 30, self.start_throttle)
         self.at(self.rng.uniform(30, 60), self.short_reset)
+
+    def net_warmup_s(self):
+        """When the host may take its resource baseline: after the first silent link, whose
+        queues and buffers set the allocator's high-water mark once (about 7 minutes into
+        a long run; a quarter of a short one)."""
+        return int(min(420, max(30, self.total_s // 4)))
+
+    def clear_of_blackhole(self):
+        """Seconds until the next silent link is due (a large number if none is)."""
+        if self.blackhole_at is None:
+            return 1e9
+        return self.blackhole_at - time.monotonic()
 
     def restart_pending(self):
         return any(r["reconnect_at"] is None for r in self.restarts) or any(
@@ -139,10 +156,9 @@ class NetworkFaults:
 
     # ------------------------------------------------------------- silent link
     def start_blackhole(self):
-        if not self.in_fault_window():
-            return
         left = self.fault_until - time.monotonic()
-        if left < 190:
+        if not self.in_fault_window() or left < 190:
+            self.blackhole_at = None  # none to come
             return
         # Alone on the link, and with no upload fault on: a silent link holds back every
         # clip's credentials, which would spoil the upload faults' figures.
@@ -151,30 +167,50 @@ class NetworkFaults:
             return
         length = min(self.rng.uniform(185, 300), left - 5)
         now = time.monotonic()
+        self.blackhole_at = None
         open_conns = [k for k, c in self.conns.items() if c["end"] is None]
+        # Every other silence comes with the host's events stopped: an idle link, which
+        # only the pings can find dead. With events flowing the socket fills within a
+        # minute, and TCP's own time-out (24 s after it stops taking data, from the
+        # keep-alive settings) finds it first.
+        quiet = len(self.blackholes) % 2 == 0
         record = {"at": now, "length": length, "last_pong_at": self.last_pong, "down_at": None,
-                  "pass_at": None, "reconnect_at": None, "conns": open_conns}
+                  "pass_at": None, "reconnect_at": None, "conns": open_conns, "quiet": quiet}
         self.blackholes.append(record)
         self.link_busy = True
+        if quiet:
+            self.host_command("events off")
+            self.event_pauses.append([now, None])
         self.relay.set("link", "blackhole")
-        self.say("relay: link blackholed for %.0f s (last pong %.1f s before)" % (
-            length, now - self.last_pong if self.last_pong else float("nan")))
+        self.say("relay: link blackholed for %.0f s (last pong %.1f s before)%s" % (
+            length, now - self.last_pong if self.last_pong else float("nan"),
+            ", the host's events stopped" if quiet else ", events flowing"))
         self.at(length, lambda: self.end_blackhole(record))
 
     def end_blackhole(self, record):
         record["pass_at"] = time.monotonic()
         self.relay.set("link", "pass")
+        if record["quiet"]:
+            self.host_command("events on")
+            self.event_pauses[-1][1] = record["pass_at"]
         self.say("relay: link passes again after %.0f s%s" % (
             record["length"], "" if record["down_at"] else " (the device had NOT noticed)"))
 
         def done():
             self.link_busy = False
-            self.at(self.rng.uniform(420, 600), self.start_blackhole)
+            pause = self.rng.uniform(420, 600)
+            self.blackhole_at = time.monotonic() + pause
+            self.at(pause, self.start_blackhole)
         self.at(10, done)
 
     # ---------------------------------------------------------- stalled upload
     def arm_stall(self):
         if not self.in_fault_window():
+            return
+        if self.fault_until - time.monotonic() < CONFIRM_TIMEOUT_S + 20 + 90:
+            return  # no time left to see the clip fail and then go through when sent again
+        if self.clear_of_blackhole() < 60 + CONFIRM_TIMEOUT_S + 20 + 10:
+            self.at(20, self.arm_stall)
             return
         if self.blob_busy or self.link_busy or self.storage_down():
             self.at(10, self.arm_stall)
@@ -220,24 +256,36 @@ class NetworkFaults:
             self.at(self.rng.uniform(180, 300), self.arm_stall)
         self.at(length, release)
 
-    def resubmit(self, record, attempt):
-        if self.link_busy or not self.device_connected():
-            self.at(10, lambda: self.resubmit(record, attempt))  # not a try: it could not succeed
+    def resubmit(self, record, check):
+        """Sends each stalled clip that failed once more, as a recorder would, and again if
+        that fails too (another fault may be on): at most 3 sends per clip, checked every
+        15 s for at most 5 minutes."""
+        if check > 20:
             return
+        if self.link_busy or not self.device_connected():
+            self.at(15, lambda: self.resubmit(record, check + 1))  # it could not succeed now
+            return
+        open_clips = False
         for n in record["clips"] + record.get("during", []):
             c = self.clips.get(n)
-            if c is None or c["state"] != 7:
+            if c is None or c["state"] == 6:
+                continue
+            if c["state"] != 7:
+                open_clips = True  # still on its way: it may yet fail
                 continue
             tries = record["resubmitted"].setdefault(n, [])
-            if tries and self.clips.get(tries[-1], {}).get("state") == 6:
+            last = self.clips.get(tries[-1], {}).get("state", -1) if tries else 7
+            if last == 6:
                 continue
-            if tries and self.clips.get(tries[-1], {}).get("state") not in (1, 7):
-                continue  # still on its way
+            if last not in (1, 7) or len(tries) >= 3:
+                open_clips = open_clips or last not in (1, 7)
+                continue
             self.host_command("resubmit %d" % n)
             tries.append(None)  # filled in when the host says which number it got
-            self.say("host: clip %d sent again (try %d)" % (n, attempt))
-        if attempt < 3:
-            self.at(40, lambda: self.resubmit(record, attempt + 1))
+            open_clips = True
+            self.say("host: clip %d sent again (try %d)" % (n, len(tries)))
+        if open_clips:
+            self.at(15, lambda: self.resubmit(record, check + 1))
 
     def host_command(self, line):
         try:
@@ -263,8 +311,17 @@ class NetworkFaults:
         left = self.fault_until - time.monotonic()
         if left < 60:
             return
+        if self.clear_of_blackhole() < 70:
+            self.at(20, self.start_throttle)
+            return
+        left = min(left, self.clear_of_blackhole())
         need = self.args.clip_bytes / float(CONFIRM_TIMEOUT_S)  # one clip alone, just in time
-        rate = int(need * self.rng.choice([0.7, 1.3, 2.0, 3.0, 5.0]))
+        # The rates go round a shuffled set, so that even a short run sees one at which no
+        # clip can make it, one at which two at a time barely cannot, and faster ones.
+        if not self.throttle_rates:
+            self.throttle_rates = [0.7, 1.5, 3.0, 5.0]
+            self.rng.shuffle(self.throttle_rates)
+        rate = int(need * self.throttle_rates.pop())
         length = min(self.rng.uniform(120, 200), left - 10)
         record = {"at": time.monotonic(), "rate": rate, "length": length, "end_at": None}
         self.throttles.append(record)
@@ -374,9 +431,8 @@ class NetworkFaults:
             d = (r["down_at"] - r["at"]) if r["down_at"] else None
             dp = (r["down_at"] - r["last_pong_at"]) if r["down_at"] and r["last_pong_at"] else None
             rc = (r["reconnect_at"] - r["pass_at"]) if r["reconnect_at"] and r["pass_at"] else None
-            # Events are submitted one a second from the host's start: seq k at about k s.
-            first = int(r["at"] - host_t0) + 1
-            last = int((r["reconnect_at"] or r["pass_at"] or r["at"]) - host_t0)
+            first = self.seq_at(r["at"]) + 1
+            last = self.seq_at(r["reconnect_at"] or r["pass_at"] or r["at"])
             arrived_after, lost_silent, other = 0, 0, 0
             for key in ("motion", "access"):
                 for seq in range(first, last + 1):
@@ -400,19 +456,25 @@ class NetworkFaults:
                 since_pong.append(dp)
             if rc is not None:
                 recover.append(rc)
-            p("  %2d at %7.1fs for %3.0f s: noticed %s after the silence began (%s after the last pong); "
-              "back %s after the relay passed; events of seconds %d-%d: %d arrived on the new link, "
-              "%d handed to the silent socket, %d otherwise missing%s" % (
-                  i, rel(r["at"]), r["length"], "%.1f s" % d if noticed else "NOT (before the relay passed)",
-                  "%.1f s" % dp if dp is not None else "?", "%.2f s" % rc if rc is not None else "NEVER",
-                  first, last, arrived_after, lost_silent, other, "" if good else "  NOT MET"))
+            how = "?" if dp is None else "by the pings" if dp >= PING_PERIOD_S * MISSED_PONGS else \
+                "by TCP, the socket having stopped taking data"
+            p("  %2d at %7.1fs for %3.0f s, %s: noticed %s after the silence began (%s after the last pong, %s);"
+              % (i, rel(r["at"]), r["length"], "idle link (events stopped)" if r["quiet"] else "events flowing",
+                 "%.1f s" % d if noticed else "NOT (before the relay passed)",
+                 "%.1f s" % dp if dp is not None else "?", how))
+            p("     back %s after the relay passed; events %d-%d (motion and access): %d arrived on the new link, "
+              "%d were handed to the silent socket, %d otherwise missing%s" % (
+                  "%.2f s" % rc if rc is not None else "NEVER", first, last, arrived_after, lost_silent, other,
+                  "" if good else "  NOT MET"))
         if self.blackholes:
             p("  detection after the silence began p50 %.1f s max %.1f s; after the last pong p50 %.1f s max %.1f s;"
               " reconnection p50 %.2f s max %.2f s" % (
                   p50(detect), max(detect or [float("nan")]), p50(since_pong), max(since_pong or [float("nan")]),
                   p50(recover), max(recover or [float("nan")])))
-            p("  (the detection time is the design's: 5 unanswered pings 30 s apart; TCP keep-alive cannot see a path")
-            p("  whose far end still answers at the TCP level, as here and behind a NAT that still holds the socket)")
+            p("  (an idle link is found by the pings alone: the relay's kernel still answers TCP keep-alive probes, as a")
+            p("  middlebox holding the socket would; on a path that drops packets the 15 s + 3 x 3 s TCP keep-alive")
+            p("  of the link's socket would find an idle link sooner. A busy link fills its socket and TCP's user")
+            p("  time-out of 24 s ends it.)")
         p("  goal: %s" % ("MET" if ok else "NOT MET"))
 
         # Stalled uploads.
@@ -497,6 +559,12 @@ class NetworkFaults:
         if link_back:
             p("  link back after a reset: p50 %.2f s, max %.2f s" % (p50(link_back), max(link_back)))
         return ok
+
+    def seq_at(self, t):
+        """The last event number submitted by time t: one a second from the host's start,
+        none while they were stopped."""
+        paused = sum(max(0.0, min(t, on or t) - off) for off, on in self.event_pauses if off < t)
+        return int(t - self.host_started - paused)
 
     def conns_end_how_before(self, key, seq):
         """How the connection that carried the last event before seq ended."""

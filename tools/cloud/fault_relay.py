@@ -43,6 +43,13 @@ import time
 
 MODES = ("pass", "blackhole", "delay", "throttle", "reset")
 CHUNK = 64 * 1024
+# Loopback would let a sender have megabytes in flight (64 KiB segments, socket buffers
+# sized for them), so a blackhole would take an hour to stall a socket that a real path
+# stalls in seconds. The relay's sockets announce an Ethernet-sized segment and keep a
+# small receive buffer, so that the device's send buffer is sized as on a real path and
+# a blackhole swallows only a few tens of kilobytes before the sender's writes stall.
+PATH_MSS = 1448
+SOCKET_RCVBUF = 16 * 1024
 # Bytes read but not yet delivered, per direction: enough for a delay line on loopback,
 # small enough that a throttled sender feels the limit instead of filling the relay.
 MAX_BUFFERED = 256 * 1024
@@ -66,6 +73,13 @@ class Bucket:
         start = max(now, self.next_free)
         self.next_free = start + n / float(rate)
         await asyncio.sleep(self.next_free - now)
+
+
+def path_socket():
+    sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, PATH_MSS)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, SOCKET_RCVBUF)
+    return sock
 
 
 def hard_close(writer):
@@ -207,7 +221,10 @@ class Relay:
         self.changed = asyncio.Event()
 
     async def start(self):
-        self.server = await asyncio.start_server(self.accept, "127.0.0.1", self.listen_port)
+        sock = path_socket()
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        sock.bind(("127.0.0.1", self.listen_port))
+        self.server = await asyncio.start_server(self.accept, sock=sock, limit=SOCKET_RCVBUF)
         self.port = self.server.sockets[0].getsockname()[1]
         emit({"event": "listening", "relay": self.name, "port": self.port, "target": self.target_port})
 
@@ -232,6 +249,9 @@ class Relay:
             for pair in self.pairs:
                 if pair.upstream is not None:
                     pair.blackholed = True
+                    # Not a byte more off either socket: what is sent now stays with the sender.
+                    for _, writer in (pair.client, pair.upstream):
+                        writer.transport.pause_reading()
         self.mode = mode
         self.value = int(value)
         for bucket in self.buckets.values():
@@ -256,8 +276,15 @@ class Relay:
             pair.close("reset by the relay", rst=True)
             return
         try:
-            up_reader, up_writer = await asyncio.wait_for(
-                asyncio.open_connection("127.0.0.1", self.target_port), 10)
+            sock = path_socket()
+            sock.setblocking(False)
+            try:
+                await asyncio.wait_for(asyncio.get_running_loop().sock_connect(
+                    sock, ("127.0.0.1", self.target_port)), 10)
+            except BaseException:
+                sock.close()
+                raise
+            up_reader, up_writer = await asyncio.open_connection(sock=sock, limit=SOCKET_RCVBUF)
         except (OSError, asyncio.TimeoutError):
             pair.close("target unreachable", rst=True)
             return

@@ -74,18 +74,21 @@ def run_with_relay(args, certs, storage, flags):
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
     server = None
     try:
+        ports = {}
         for _ in range(2):
             line = relay.stdout.readline()
             if not line:
                 raise SystemExit("local_cloud: the relay did not start")
+            event = json.loads(line)
+            ports[event["relay"]] = event["port"]  # the asked ports, or free ones for 0
         threading.Thread(target=lambda: [print("relay: " + l.rstrip(), flush=True) for l in relay.stdout],
                          daemon=True).start()
         print("Local cloud is up, behind the fault relay. Point the host at it with:")
-        print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
+        print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % ports["link"])
         print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
         print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
         print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
-        print("  export ZEL_BLOB_DOMAIN=.blob.localhost:%d" % args.blob_port)
+        print("  export ZEL_BLOB_DOMAIN=.blob.localhost:%d" % ports["blob"])
         for mac in args.recorder or ["001122334455"]:
             storage.create_container(mac.lower())
             print("  blob container for recorder %s is ready" % mac.lower())
