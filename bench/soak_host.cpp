@@ -16,7 +16,8 @@
 //   {"final":true,...}                                  the summary, last
 // Input on stdin: "resubmit N" sends clip N again (same camera, start time and bytes),
 // as a recorder does with a clip whose upload failed; "events off" / "events on" stop
-// and resume the events (a quiet recorder leaves its link idle).
+// and resume the events (a quiet recorder leaves its link idle); "baseline" lets the
+// resource baseline be taken from now on (with --baseline-on-command 1, not before).
 // The library may print lines of its own on stdout; readers skip what is not JSON.
 #include <dirent.h>
 #include <malloc.h>
@@ -282,11 +283,13 @@ bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
 std::mutex g_commands_mu;
 std::vector<int> g_resubmits;  // clip numbers to send again
 std::atomic<bool> g_events_on{true};
+std::atomic<bool> g_baseline_asked{false};
 
 void read_commands() {
   std::string line;
   while (std::getline(std::cin, line)) {
     if (line == "events off" || line == "events on") g_events_on = line == "events on";
+    if (line == "baseline") g_baseline_asked = true;
     if (line.rfind("resubmit ", 0) != 0) continue;
     std::lock_guard<std::mutex> lock(g_commands_mu);
     g_resubmits.push_back(std::atoi(line.c_str() + 9));
@@ -324,7 +327,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
                  "[--seconds N] [--clip-bytes N] [--clip-every S] [--dir DIR] [--camera MAC] "
-                 "[--final-wait S] [--report-every S] [--warmup S]\n",
+                 "[--final-wait S] [--report-every S] [--warmup S] [--baseline-on-command 1]\n",
                  argv[0]);
     return 2;
   }
@@ -334,6 +337,11 @@ int main(int argc, char** argv) {
   const long final_wait = num("--final-wait", 60);
   const long report_every = std::max(1L, num("--report-every", 10));
   const long warmup = num("--warmup", 30);
+  // The driver says when every kind of fault has been seen once; only then may the
+  // baseline be taken, or one-off high-water marks would pass for growth.
+  const bool baseline_on_command = num("--baseline-on-command", 0) != 0;
+  double baseline_from = static_cast<double>(warmup);
+  bool baseline_asked = false;
   const std::string dir = arg["--dir"].empty() ? "/tmp" : arg["--dir"];
   const std::string camera = arg["--camera"].empty() ? "0a1b2c3d4e5f" : arg["--camera"];
   const int ws_port = port_of_uri(arg["--server"]);
@@ -536,11 +544,15 @@ int main(int argc, char** argv) {
       submit_clip_as(n);
     }
     tidy(false);
-    if (!have_start && t >= next_check) {
+    if (baseline_on_command && !baseline_asked && g_baseline_asked) {
+      baseline_asked = true;
+      baseline_from = t;
+    }
+    if (!have_start && t >= next_check && (!baseline_on_command || baseline_asked)) {
       next_check = static_cast<long>(t) + 1;
       Census k = census();
       bool ready = connected.load() && k.finals > 0 && k.in_progress == 0;
-      if (ready || t >= warmup + 90) {
+      if (ready || t >= baseline_from + 90) {
         start_sample = take_sample();
         have_start = true;
         emit("{\"baseline\":" + start_sample.json() + "}");

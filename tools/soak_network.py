@@ -33,9 +33,10 @@ MISSED_PONGS = 5
 # the silence began and at most 180 s after the last pong. The drop is a close handshake,
 # which on a silent path only ends when libwebsockets gives up waiting for the answer
 # (5 s); the disconnect callback, which is what the host sees, comes then. Ticks fall on
-# whole seconds: one more second.
+# whole seconds (up to 1 s late), lws checks its time-outs once a second, and the close
+# callback reaches the host on the next worker pass: 3 s more at most.
 CLOSE_WAIT_S = 5
-SILENT_DETECT_MAX_S = PING_PERIOD_S * (MISSED_PONGS + 1) + CLOSE_WAIT_S + 1
+SILENT_DETECT_MAX_S = PING_PERIOD_S * (MISSED_PONGS + 1) + CLOSE_WAIT_S + 3
 RECONNECT_PERIOD_S = 5
 # The next attempt comes at most 5 s after the previous one; the TLS and WebSocket
 # handshakes on loopback add a fraction of a second.
@@ -113,6 +114,7 @@ class NetworkFaults:
         self.throttle_rates = []
         self.last_pong = None
         self.event_pauses = []  # [off, on] times of the host's events
+        self.baseline_asked = False
         self.resubmits = {}  # new clip number -> original
 
     def net_start(self):
@@ -128,12 +130,22 @@ class NetworkFaults:
         self.at(self.rng.uniform(60, 100) if self.total_s > 600 else 25, self.arm_stall)
         self.at(self.rng.uniform(100, 160) if self.total_s > 600 else 30, self.start_throttle)
         self.at(self.rng.uniform(30, 60), self.short_reset)
+        self.at(max(30, self.total_s / 2 - 60), lambda: self.ask_baseline("half-way is near"))
 
-    def net_warmup_s(self):
-        """When the host may take its resource baseline: after the first silent link, whose
-        queues and buffers set the allocator's high-water mark once (about 7 minutes into
-        a long run; a quarter of a short one)."""
-        return int(min(420, max(30, self.total_s // 4)))
+    def ask_baseline(self, why):
+        """Lets the host take its resource baseline (at its next quiet moment): once a silent
+        link, a stalled upload and a slow uplink have each been seen, since each sets the
+        allocator's high-water mark once, or at the latest shortly before half-way."""
+        if self.baseline_asked:
+            return
+        self.baseline_asked = True
+        self.host_command("baseline")
+        self.say("host: resource baseline from now on (%s)" % why)
+
+    def maybe_baseline(self):
+        if self.blackholes and self.blackholes[0]["pass_at"] and self.stalls and self.stalls[0]["pass_at"] \
+                and self.throttles and self.throttles[0]["end_at"]:
+            self.at(30, lambda: self.ask_baseline("every network fault seen once"))
 
     def clear_of_blackhole(self):
         """Seconds until the next silent link is due (a large number if none is)."""
@@ -169,11 +181,11 @@ class NetworkFaults:
         now = time.monotonic()
         self.blackhole_at = None
         open_conns = [k for k, c in self.conns.items() if c["end"] is None]
-        # Every other silence comes with the host's events stopped: an idle link, which
+        # Every other silence (the second, fourth, ...) comes with the host's events stopped: an idle link, which
         # only the pings can find dead. With events flowing the socket fills within a
         # minute, and TCP's own time-out (24 s after it stops taking data, from the
         # keep-alive settings) finds it first.
-        quiet = len(self.blackholes) % 2 == 0
+        quiet = len(self.blackholes) % 2 == 1
         record = {"at": now, "length": length, "last_pong_at": self.last_pong, "down_at": None,
                   "pass_at": None, "reconnect_at": None, "conns": open_conns, "quiet": quiet}
         self.blackholes.append(record)
@@ -198,6 +210,7 @@ class NetworkFaults:
 
         def done():
             self.link_busy = False
+            self.maybe_baseline()
             pause = self.rng.uniform(420, 600)
             self.blackhole_at = time.monotonic() + pause
             self.at(pause, self.start_blackhole)
@@ -252,6 +265,7 @@ class NetworkFaults:
             self.relay.set("blob", "pass")
             self.blob_busy = False
             self.say("relay: blob passes again")
+            self.maybe_baseline()
             self.at(5, lambda: self.resubmit(record, 1))
             self.at(self.rng.uniform(180, 300), self.arm_stall)
         self.at(length, release)
@@ -335,6 +349,7 @@ class NetworkFaults:
             self.relay.set("blob", "pass")
             self.blob_busy = False
             self.say("relay: blob at full speed again")
+            self.maybe_baseline()
             self.at(self.rng.uniform(240, 420), self.start_throttle)
         self.at(length, end)
 
@@ -420,8 +435,10 @@ class NetworkFaults:
         p("  %d-%d s after the silence began and at most %d s after the last pong, then up to %d s of unanswered close"
           % (PING_PERIOD_S * MISSED_PONGS, PING_PERIOD_S * (MISSED_PONGS + 1), PING_PERIOD_S * (MISSED_PONGS + 1),
              CLOSE_WAIT_S))
-        p("  handshake before the host hears of it: goal %d s after the last pong; connected again within %d s of the"
-          % (SILENT_DETECT_MAX_S, RECONNECT_PERIOD_S))
+        p("  handshake before the host hears of it: goal %d s after the last pong with the 1 s granularities of the"
+          % SILENT_DETECT_MAX_S)
+        p("  ticks and of lws' time-out checks; connected again within %d s of the"
+          % RECONNECT_PERIOD_S)
         p("  path passing again, goal %.0f s with the handshake; every event either arrives after the reconnection"
           % SILENT_RECOVERY_GOAL_S)
         p("  or was handed to the silent socket)")
@@ -462,10 +479,11 @@ class NetworkFaults:
               % (i, rel(r["at"]), r["length"], "idle link (events stopped)" if r["quiet"] else "events flowing",
                  "%.1f s" % d if noticed else "NOT (before the relay passed)",
                  "%.1f s" % dp if dp is not None else "?", how))
-            p("     back %s after the relay passed; events %d-%d (motion and access): %d arrived on the new link, "
-              "%d were handed to the silent socket, %d otherwise missing%s" % (
-                  "%.2f s" % rc if rc is not None else "NEVER", first, last, arrived_after, lost_silent, other,
-                  "" if good else "  NOT MET"))
+            p("     back %s after the relay passed; %s%s" % (
+                "%.2f s" % rc if rc is not None else "NEVER",
+                "events %d-%d (motion and access): %d arrived on the new link, %d were handed to the silent "
+                "socket, %d otherwise missing" % (first, last, arrived_after, lost_silent, other)
+                if first <= last else "no events were submitted meanwhile", "" if good else "  NOT MET"))
         if self.blackholes:
             p("  detection after the silence began p50 %.1f s max %.1f s; after the last pong p50 %.1f s max %.1f s;"
               " reconnection p50 %.2f s max %.2f s" % (
@@ -520,20 +538,25 @@ class NetworkFaults:
         for i, r in enumerate(self.throttles, 1):
             end = r["end_at"] or r["at"] + r["length"]
             mine = [n for n in self.clips if (self.clip_time(n, 4) or -1) >= r["at"] and self.clip_time(n, 4) < end]
-            done, rates, failed = 0, [], {}
+            done, late, rates, failed = 0, 0, [], {}
             for n in mine:
                 t4, t5 = self.clip_time(n, 4), self.clip_time(n, 5)
                 c = self.clips[n]
-                if t5 is not None:
+                if t5 is not None and t5 <= end:
                     done += 1
                     rates.append(self.args.clip_bytes / max(0.001, t5 - t4))
+                elif t5 is not None:
+                    late += 1
                 elif c["state"] == 7:
                     failed[c["msg"][:70]] = failed.get(c["msg"][:70], 0) + 1
-            p("  %2d at %7.1fs for %3.0f s at %d kB/s (each way): %d PUTs began, %d uploaded (%s), %d failed%s" % (
-                i, rel(r["at"]), r["length"], r["rate"] // 1000, len(mine), done,
-                ("per clip p50 %d kB/s, %d..%d" % (p50(rates) // 1000, min(rates) // 1000, max(rates) // 1000)
-                 if rates else "no throughput"),
-                sum(failed.values()), "".join("\n       %3d x 7 %s" % (v, k) for k, v in failed.items())))
+            p("  %2d at %7.1fs for %3.0f s at %d kB/s each way (a clip alone needs %d kB/s to finish in %d s):" % (
+                i, rel(r["at"]), r["length"], r["rate"] // 1000, self.args.clip_bytes / CONFIRM_TIMEOUT_S // 1000,
+                CONFIRM_TIMEOUT_S))
+            p("     %d PUTs began; %d uploaded while throttled (%s); %d finished after full speed came back;"
+              " %d failed%s" % (
+                  len(mine), done, ("%d..%d kB/s per clip, p50 %d, two clips at a time sharing the rate" % (
+                      min(rates) // 1000, max(rates) // 1000, p50(rates) // 1000) if rates else "none"),
+                  late, sum(failed.values()), "".join("\n       %3d x 7 %s" % (v, k) for k, v in failed.items())))
         p("  (every clip's final state is checked under CLIPS above)")
 
         # Short resets.

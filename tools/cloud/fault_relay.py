@@ -11,7 +11,9 @@ behaviour is switched at run time with one line on stdin, "NAME MODE [VALUE]":
   pass                 forward everything
   blackhole            forward nothing, either way, and keep both sockets open; the relay
                        stops reading, so the sender's window fills and its writes stall as
-                       on a path that lost its packets. Connections accepted meanwhile are
+                       on a path that lost its packets (its sockets announce 1448-byte
+                       segments and keep small buffers, so this takes tens of kilobytes,
+                       as on a real path, not the megabytes loopback would allow). Connections accepted meanwhile are
                        held (their first bytes wait in the kernel) and go through once the
                        relay passes again. Connections that lived through a blackhole are
                        reset when it ends: the path has forgotten them (as a NAT does).
