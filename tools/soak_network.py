@@ -328,6 +328,9 @@ class NetworkFaults:
         if self.clear_of_blackhole() < 70:
             self.at(20, self.start_throttle)
             return
+        if self.stalls and self.stalls[-1]["pass_at"] and time.monotonic() - self.stalls[-1]["pass_at"] < 90:
+            self.at(10, self.start_throttle)  # the stalled clips are being sent again: full speed for them
+            return
         left = min(left, self.clear_of_blackhole())
         need = self.args.clip_bytes / float(CONFIRM_TIMEOUT_S)  # one clip alone, just in time
         # The rates go round a shuffled set, so that even a short run sees one at which no
