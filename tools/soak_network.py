@@ -287,9 +287,13 @@ class NetworkFaults:
             if c["state"] != 7:
                 open_clips = True  # still on its way: it may yet fail
                 continue
+            if 5 in c.get("states", []):
+                continue  # uploaded, only its confirmation failed: see below
             tries = record["resubmitted"].setdefault(n, [])
             last = self.clips.get(tries[-1], {}).get("state", -1) if tries else 7
-            if last == 6:
+            if last == 6 or (tries and 5 in self.clips.get(tries[-1], {}).get("states", [])):
+                # Uploaded. Sending it once more would only re-send its record-end message,
+                # whose answer goes to the callback of the submission that uploaded it.
                 continue
             if last not in (1, 7) or len(tries) >= 3:
                 open_clips = open_clips or last not in (1, 7)
@@ -510,7 +514,10 @@ class NetworkFaults:
             for n in r["clips"] + r.get("during", []):
                 t4, t7, t6 = self.clip_time(n, 4), self.clip_time(n, 7), self.clip_time(n, 6)
                 c = self.clips.get(n, {})
-                if t7 is not None:
+                if 5 in c.get("states", []):
+                    parts.append("clip %d got through (uploaded, then %s)" % (
+                        n, "confirmed" if c.get("state") == 6 else "state %s: %s" % (c.get("state"), c.get("msg", "")[:50])))
+                elif t7 is not None:
                     took = t7 - t4
                     fail_after.append(took)
                     nxt = [self.clip_time(m, 4) for m in self.clips if m != n and
@@ -518,14 +525,14 @@ class NetworkFaults:
                     freed = ("next PUT %.1f s later" % (min(nxt) - t7)) if nxt else "NO PUT AFTER IT"
                     tries = r["resubmitted"].get(n, [])
                     outcome = [self.clips.get(m, {}).get("state") for m in tries if m is not None]
+                    uploaded = any(5 in self.clips.get(m, {}).get("states", []) for m in tries if m is not None)
                     again = "sent again: %s" % ("confirmed" if 6 in outcome else
+                                               "uploaded, confirmation %s" % outcome[-1] if uploaded else
                                                "states %s" % outcome if outcome else "NOT SENT AGAIN")
-                    good = took <= CONFIRM_TIMEOUT_S + STALL_GRACE_S and bool(nxt) and 6 in outcome
+                    good = took <= CONFIRM_TIMEOUT_S + STALL_GRACE_S and bool(nxt) and uploaded
                     stall_ok &= good
                     parts.append("clip %d failed %.1f s after its PUT began (%s); %s; %s%s" % (
                         n, took, c.get("msg", "")[:60], freed, again, "" if good else "  NOT MET"))
-                elif t6 is not None:
-                    parts.append("clip %d got through (confirmed)" % n)
                 else:
                     stall_ok = False
                     parts.append("clip %d: state %s, NOT FAILED" % (n, c.get("state")))
