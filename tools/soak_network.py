@@ -457,7 +457,7 @@ class NetworkFaults:
             rc = (r["reconnect_at"] - r["pass_at"]) if r["reconnect_at"] and r["pass_at"] else None
             first = self.seq_at(r["at"]) + 1
             last = self.seq_at(r["reconnect_at"] or r["pass_at"] or r["at"])
-            arrived_after, lost_silent, other = 0, 0, 0
+            arrived_after, lost_silent, other, later = 0, 0, 0, 0
             for key in ("motion", "access"):
                 for seq in range(first, last + 1):
                     got = self.received[key].get(seq)
@@ -468,8 +468,10 @@ class NetworkFaults:
                     where = self.conns_end_how_before(key, seq)
                     if where == "blackholed":
                         lost_silent += 1
+                    elif where is None:
+                        other += 1  # a gap inside a connection still open: unaccounted
                     else:
-                        other += 1
+                        later += 1  # written to the new link, which a later fault ended
             noticed = r["down_at"] is not None and (r["pass_at"] is None or r["down_at"] <= r["pass_at"])
             good = noticed and dp is not None and dp <= SILENT_DETECT_MAX_S and rc is not None and \
                 rc <= SILENT_RECOVERY_GOAL_S and other == 0
@@ -489,7 +491,8 @@ class NetworkFaults:
             p("     back %s after the relay passed; %s%s" % (
                 "%.2f s" % rc if rc is not None else "NEVER",
                 "events %d-%d (motion and access): %d arrived on the new link, %d were handed to the silent "
-                "socket, %d otherwise missing" % (first, last, arrived_after, lost_silent, other)
+                "socket, %d were lost with the new link when a later fault ended it, %d unaccounted" % (
+                    first, last, arrived_after, lost_silent, later, other)
                 if first <= last else "no events were submitted meanwhile", "" if good else "  NOT MET"))
         if self.blackholes:
             p("  detection after the silence began p50 %.1f s max %.1f s; after the last pong p50 %.1f s max %.1f s;"
