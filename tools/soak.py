@@ -17,7 +17,9 @@ the last clips and events have a calm cloud to finish with. Faults:
   - storage credentials and/or upload acknowledgements are withheld for a while, or
     delayed (now and then past the clips' 20 s time-out);
   - bursts of hostile frames: not JSON, huge, binary, fragmented, JSON without a
-    subject or with the wrong types, unknown subjects.
+    subject or with the wrong types, unknown subjects;
+  - the network itself, through tools/cloud/fault_relay.py (see tools/soak_network.py):
+    a silent link, an upload stalled mid-PUT, a slow uplink and short resets.
 The report compares clips, events and the host's resources against the goals; the
 exit status is 0 only if every goal was met. The 8-hour mode is for a person to start
 by hand (it is not part of CI); the report of every run says how.
@@ -47,6 +49,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 CLOUD = os.path.join(HERE, "cloud")
 sys.path.insert(0, CLOUD)
 from blob_storage import BlobStorage  # noqa: E402
+sys.path.insert(0, HERE)
+from soak_network import NetworkFaults  # noqa: E402
 
 DEVICE_MAC = "001122334455"  # also the blob container, which takes no colons
 CAMERA = "0a1b2c3d4e5f"
@@ -215,7 +219,7 @@ def hostile_frames():
 
 # -------------------------------------------------------------------------------- soak
 
-class Soak:
+class Soak(NetworkFaults):
     def __init__(self, args):
         self.args = args
         self.total_s = int(args.hours * 3600) if args.hours else int(args.minutes * 60)
@@ -265,6 +269,7 @@ class Soak:
         self.unexpected_server_exits = []
         self.armed_kill = None
         self.problems = []
+        self.net_init(say, rel)
 
     # ------------------------------------------------------------------ timers
     def at(self, delay, fn):
@@ -328,6 +333,9 @@ class Soak:
     def restart_server(self):
         if not self.in_fault_window():
             return
+        if self.link_quiet_needed():
+            self.at(10, self.restart_server)
+            return
         inst = self.server
         how = self.rng.choice(["clean", "kill"])
         record = {"how": how, "old": inst.index, "down_at": None, "back_at": None,
@@ -370,6 +378,9 @@ class Soak:
 
     def arm_storage_kill(self):
         if not self.in_fault_window():
+            return
+        if self.blob_quiet_needed():
+            self.at(10, self.arm_storage_kill)
             return
         # Wait for the next upload to start; if none starts soon, kill at a random moment.
         self.armed_kill = time.monotonic() + 20
@@ -456,7 +467,7 @@ class Soak:
     def burst(self):
         if not self.in_fault_window():
             return
-        if self.device_connected():
+        if self.device_connected() and not self.link_quiet_needed():
             frames = hostile_frames()
             for cmd, _ in frames:
                 self.server.command(**cmd)
@@ -475,6 +486,7 @@ class Soak:
     def on_server_event(self, index, t, ev):
         kind = ev.get("event")
         inst = self.servers.get(index)
+        self.net_server_event(index, t, ev)
         if kind == "listening":
             inst.port = ev["port"]
             inst.listening_at = t
@@ -498,7 +510,7 @@ class Soak:
             if c is not None and c["end"] is None:
                 c["end"] = t
                 c["code"] = ev.get("code")
-                c["end_how"] = "closed %s" % ev.get("code")
+                c["end_how"] = self.net_close_how((index, ev["conn"])) or "closed %s" % ev.get("code")
                 if ev.get("code") != 1001:
                     say("device: link on instance %d closed with code %s" % (index, ev.get("code")), t)
         elif kind == "done" and ev.get("cmd") == "close" and ev.get("seq") == "restart-close":
@@ -553,7 +565,9 @@ class Soak:
         if "clip" in obj:
             n = obj["clip"]
             c = self.clips.setdefault(n, {"state": -1, "msg": "", "states": [], "start_time": obj["start_time"],
-                                          "camera": obj.get("camera", CAMERA)})
+                                          "camera": obj.get("camera", CAMERA), "times": {}})
+            c["times"].setdefault(obj["state"], t)
+            self.net_clip_state(n, obj["state"], t)
             c["state"] = obj["state"]
             c["msg"] = obj.get("msg", "")
             c["states"].append(obj["state"])
@@ -570,6 +584,10 @@ class Soak:
                     "connected" if obj.get("connected") else "NOT connected"), t)
         elif "baseline" in obj:
             self.baseline = obj["baseline"]
+        elif "link" in obj:
+            self.net_host_link(t, obj["link"] == "up")
+        elif "resubmit" in obj:
+            self.net_resubmitted(obj["resubmit"], obj["as"])
         elif obj.get("final"):
             self.final = obj
 
@@ -588,16 +606,19 @@ class Soak:
             self.dispatch(item)
         say("server: instance 1 on wss://127.0.0.1:%d/" % self.server_port)
 
-        env = dict(os.environ, ZEL_BLOB_DOMAIN=self.storage.blob_domain)
-        host_cmd = [self.args.host_binary, "--server", "wss://127.0.0.1:%d/" % self.server_port,
+        # The device reaches both services through the fault relay.
+        self.net_start()
+        env = dict(os.environ, ZEL_BLOB_DOMAIN=".blob.localhost:%d" % self.relay.ports["blob"])
+        host_cmd = [self.args.host_binary, "--server", "wss://127.0.0.1:%d/" % self.relay.ports["link"],
                     "--mac", DEVICE_MAC, "--ca", os.path.join(self.certs, "ca.pem"),
                     "--cert", os.path.join(self.certs, "client.pem"), "--key", os.path.join(self.certs, "client.key"),
                     "--camera", CAMERA, "--seconds", str(self.total_s), "--clip-bytes", str(self.args.clip_bytes),
-                    "--clip-every", "4", "--dir", self.clip_dir, "--final-wait", "60"]
+                    "--clip-every", "4", "--dir", self.clip_dir, "--final-wait", "60",
+                    "--baseline-on-command", "1"]
         self.host_err = open(os.path.join(self.state, "host.stderr"), "w")
         self.host_log = open(os.path.join(self.state, "host.out"), "w", buffering=1)
-        self.host = subprocess.Popen(host_cmd, stdout=subprocess.PIPE, stderr=self.host_err, text=True,
-                                     bufsize=1, env=env)
+        self.host = subprocess.Popen(host_cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.host_err,
+                                     text=True, bufsize=1, env=env)
         self.host_started = time.monotonic()
         self.fault_from = self.host_started + FIRST_FAULT_S
         self.fault_until = self.host_started + max(FIRST_FAULT_S, self.total_s - QUIET_TAIL_S)
@@ -619,12 +640,14 @@ class Soak:
         self.at(FIRST_FAULT_S, lambda: self.schedule_withhold(first=True))
         self.at(FIRST_FAULT_S, lambda: self.schedule_delay(first=True))
         self.at(FIRST_FAULT_S, lambda: self.schedule_burst(first=True))
+        self.net_schedule()
 
         # The host submits for total_s, drains for at most 60 s and disconnects within 30 s.
         hard_deadline = self.host_started + self.total_s + 60 + 30 + 30
         host_done = False
         while not host_done:
             self.run_timers()
+            self.net_tick()
             if self.armed_kill is not None and time.monotonic() > self.armed_kill:
                 self.armed_kill = None
                 self.kill_storage("at a random moment (no upload started within 20 s)")
@@ -656,6 +679,8 @@ class Soak:
             self.on_server_event(index, t, payload)
         elif source == "host":
             self.on_host_line(t, payload)
+        elif source == "relay":
+            pass  # mode switches are recorded when asked for; closes are in the relay's counters
 
     def cleanup(self):
         if self.host is not None and self.host.poll() is None:
@@ -666,6 +691,8 @@ class Soak:
                 inst.stop()
         if self.storage is not None and self.storage.proc.poll() is None:
             self.storage.stop()
+        if self.relay is not None:
+            self.relay.stop()
         if self.own_state and not self.args.keep:
             shutil.rmtree(self.state, ignore_errors=True)
 
@@ -692,6 +719,8 @@ class Soak:
                 how = c["end_how"] if c else None
                 if how == "killed":
                     where = "lost with a dying socket (server killed)"
+                elif how == "blackholed":
+                    where = "handed to the socket of a silent link (relay blackhole)"
                 elif how is None and after is None:
                     where = "not sent before the host disconnected"
                 elif how in ("stopped", "closed 1001"):
@@ -777,7 +806,8 @@ class Soak:
 
         # Resources.
         p("")
-        p("HOST RESOURCES (start = after warm-up with no upload in progress; end = after draining)")
+        p("HOST RESOURCES (start = once a silent link, a stalled upload and a slow uplink were each seen, or near")
+        p("half-way, with no upload in progress; end = after draining)")
         s, e = f.get("start"), f.get("end")
         if s and e:
             rss_change = 100.0 * (e["rss_kb"] - s["rss_kb"]) / s["rss_kb"]
@@ -857,6 +887,8 @@ class Soak:
         p("  connections seen by the servers: %d; host callbacks: %s connects, %s disconnects%s" % (
             len(self.conns), f["connects"], f["disconnects"],
             ("; other ends: %s" % dict(other_closes)) if other_closes else ""))
+
+        ok &= self.net_report(p)
 
         p("")
         p("HOST: exit status %s, disconnect %s in %.2f s, %d non-JSON lines from the library on stdout" % (

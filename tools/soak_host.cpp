@@ -12,7 +12,12 @@
 //   {"link":"up"|"down","t":..}                         connection callbacks
 //   {"clip":n,"state":s,"t":..,"start_time":..,"msg":..} every clip state
 //   {"t":..,"rss_kb":..,"fds":..,"threads":..,...}      about every 10 s
+//   {"resubmit":n,"as":m,"t":..}                        clip n sent again as clip m
 //   {"final":true,...}                                  the summary, last
+// Input on stdin: "resubmit N" sends clip N again (same camera, start time and bytes),
+// as a recorder does with a clip whose upload failed; "events off" / "events on" stop
+// and resume the events (a quiet recorder leaves its link idle); "baseline" lets the
+// resource baseline be taken from now on (with --baseline-on-command 1, not before).
 // The library may print lines of its own on stdout; readers skip what is not JSON.
 #include <dirent.h>
 #include <malloc.h>
@@ -28,6 +33,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -274,6 +280,22 @@ bool write_clip(const std::string& path, int64_t size, uint64_t seed) {
   return std::fclose(f) == 0 && ok;
 }
 
+std::mutex g_commands_mu;
+std::vector<int> g_resubmits;  // clip numbers to send again
+std::atomic<bool> g_events_on{true};
+std::atomic<bool> g_baseline_asked{false};
+
+void read_commands() {
+  std::string line;
+  while (std::getline(std::cin, line)) {
+    if (line == "events off" || line == "events on") g_events_on = line == "events on";
+    if (line == "baseline") g_baseline_asked = true;
+    if (line.rfind("resubmit ", 0) != 0) continue;
+    std::lock_guard<std::mutex> lock(g_commands_mu);
+    g_resubmits.push_back(std::atoi(line.c_str() + 9));
+  }
+}
+
 int port_of_uri(const std::string& uri) {
   size_t scheme = uri.find("://");
   size_t host = scheme == std::string::npos ? 0 : scheme + 3;
@@ -305,7 +327,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
                  "[--seconds N] [--clip-bytes N] [--clip-every S] [--dir DIR] [--camera MAC] "
-                 "[--final-wait S] [--report-every S] [--warmup S]\n",
+                 "[--final-wait S] [--report-every S] [--warmup S] [--baseline-on-command 1]\n",
                  argv[0]);
     return 2;
   }
@@ -315,6 +337,11 @@ int main(int argc, char** argv) {
   const long final_wait = num("--final-wait", 60);
   const long report_every = std::max(1L, num("--report-every", 10));
   const long warmup = num("--warmup", 30);
+  // The driver says when every kind of fault has been seen once; only then may the
+  // baseline be taken, or one-off high-water marks would pass for growth.
+  const bool baseline_on_command = num("--baseline-on-command", 0) != 0;
+  double baseline_from = static_cast<double>(warmup);
+  bool baseline_asked = false;
   const std::string dir = arg["--dir"].empty() ? "/tmp" : arg["--dir"];
   const std::string camera = arg["--camera"].empty() ? "0a1b2c3d4e5f" : arg["--camera"];
   const int ws_port = port_of_uri(arg["--server"]);
@@ -370,11 +397,12 @@ int main(int argc, char** argv) {
   int clips_submitted = 0;
 
   g_book.last.reserve(static_cast<size_t>(seconds / clip_every + 16));
-  auto submit_clip = [&]() {
+  // Clip `content` is clip n itself, or the earlier clip it sends again.
+  auto submit_clip_as = [&](int content) {
     const int n = ++clips_submitted;
     const std::string path = dir + "/soak-clip-" + std::to_string(n) + ".mp4";
-    const int64_t start_time = clip_base + static_cast<int64_t>(n) * clip_span;
-    if (!write_clip(path, clip_bytes, static_cast<uint64_t>(n))) {
+    const int64_t start_time = clip_base + static_cast<int64_t>(content) * clip_span;
+    if (!write_clip(path, clip_bytes, static_cast<uint64_t>(content))) {
       emit("{\"error\":" + json_string("could not write " + path) + "}");
     }
     {
@@ -414,7 +442,13 @@ int main(int argc, char** argv) {
     opts.timeout_seconds = 20;
     opts.confirm_timeout = 60;
     zel::Upload::upload_clip(clip, opts);
+    return n;
   };
+  auto submit_clip = [&]() { submit_clip_as(clips_submitted + 1); };
+
+  // Commands from the driver, read on a thread of their own so the loop never blocks
+  // (detached: it may sit in read() when the process ends).
+  std::thread(read_commands).detach();
 
   auto submit_events = [&]() {
     const int64_t now = static_cast<int64_t>(std::time(nullptr));
@@ -492,18 +526,33 @@ int main(int argc, char** argv) {
     const double t = elapsed_s();
     if (t >= next_event) {
       next_event = static_cast<long>(t) + 1;
-      submit_events();
+      if (g_events_on) submit_events();
     }
     if (t >= next_clip) {
       next_clip = static_cast<long>(t) + clip_every;
       submit_clip();
     }
+    std::vector<int> again;
+    {
+      std::lock_guard<std::mutex> lock(g_commands_mu);
+      again.swap(g_resubmits);
+    }
+    for (int n : again) {
+      if (n < 1 || n > clips_submitted) continue;
+      emit("{\"resubmit\":" + std::to_string(n) + ",\"as\":" + std::to_string(clips_submitted + 1) +
+           ",\"t\":" + fixed(elapsed_s(), 3) + "}");
+      submit_clip_as(n);
+    }
     tidy(false);
-    if (!have_start && t >= next_check) {
+    if (baseline_on_command && !baseline_asked && g_baseline_asked) {
+      baseline_asked = true;
+      baseline_from = t;
+    }
+    if (!have_start && t >= next_check && (!baseline_on_command || baseline_asked)) {
       next_check = static_cast<long>(t) + 1;
       Census k = census();
       bool ready = connected.load() && k.finals > 0 && k.in_progress == 0;
-      if (ready || t >= warmup + 90) {
+      if (ready || t >= baseline_from + 90) {
         start_sample = take_sample();
         have_start = true;
         emit("{\"baseline\":" + start_sample.json() + "}");

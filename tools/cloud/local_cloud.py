@@ -2,7 +2,7 @@
 """The local cloud on its own, for a person: messaging server (interactive) and blob storage.
 
     /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
-                                                [--proxy [--proxy-auth user:password]]
+                                                [--proxy [--proxy-auth user:password]] [--relay]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
@@ -11,6 +11,11 @@ Storage requests and record-end transactions are answered automatically. With --
 messaging server runs in this process and a browser console (web_console.py) watches it.
 With --proxy, tinyproxy listens on loopback in front of both, and the proxy URI to use is
 printed.
+
+With --relay, the device reaches both services through fault_relay.py (on --port and
+--blob-port; the services move to free ports behind it) and the console also takes
+"link MODE [VALUE]" and "blob MODE [VALUE]" with MODE pass, blackhole, delay MS,
+throttle BYTES_PER_S or reset, and "relay status".
 """
 
 import argparse
@@ -18,11 +23,12 @@ import json
 import os
 import subprocess
 import sys
+import threading
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 from blob_storage import BlobStorage  # noqa: E402
-from http_proxy import HttpProxy  # noqa: E402
+from http_proxy import HttpProxy, free_port  # noqa: E402
 
 
 def main():
@@ -38,14 +44,20 @@ def main():
     parser.add_argument("--proxy-port", type=int, default=3128)
     parser.add_argument("--proxy-auth", metavar="USER:PASSWORD",
                         help="the proxy asks for Basic authentication")
+    parser.add_argument("--relay", action="store_true",
+                        help="put the fault relay in front of both services (console: link/blob MODE)")
     args = parser.parse_args()
     if args.proxy_auth and not args.proxy:
         parser.error("--proxy-auth needs --proxy")
+    if args.relay and (args.web is not None or args.proxy):
+        parser.error("--relay goes alone, without --web or --proxy")
     certs = os.path.join(args.state, "certs")
     subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
-    storage = BlobStorage(certs, os.path.join(args.state, "blobs"), args.blob_port)
+    storage = BlobStorage(certs, os.path.join(args.state, "blobs"), 0 if args.relay else args.blob_port)
     flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
              "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret"}
+    if args.relay:
+        return run_with_relay(args, certs, storage, flags)
     print("Local cloud is up. Point the host at it with:")
     print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
     print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
@@ -102,6 +114,65 @@ def run_with_console(args, certs, flags, storage):
     sys.stdout.flush()
     # Like messaging_server.py: the console's stdin reader may still sit in read().
     os._exit(code)
+
+
+def run_with_relay(args, certs, storage, flags):
+    """The same cloud behind the fault relay; the console feeds both."""
+    server_port = free_port()
+    relay = subprocess.Popen(
+        ["/usr/bin/python3", os.path.join(HERE, "fault_relay.py"),
+         "--relay", "link=%d:%d" % (server_port, args.port),
+         "--relay", "blob=%d:%d" % (storage.port, args.blob_port)],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+    server = None
+    try:
+        ports = {}
+        for _ in range(2):
+            line = relay.stdout.readline()
+            if not line:
+                raise SystemExit("local_cloud: the relay did not start")
+            event = json.loads(line)
+            ports[event["relay"]] = event["port"]  # the asked ports, or free ones for 0
+        threading.Thread(target=lambda: [print("relay: " + l.rstrip(), flush=True) for l in relay.stdout],
+                         daemon=True).start()
+        print("Local cloud is up, behind the fault relay. Point the host at it with:")
+        print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % ports["link"])
+        print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
+        print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
+        print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
+        print("  export ZEL_BLOB_DOMAIN=.blob.localhost:%d" % ports["blob"])
+        for mac in args.recorder or ["001122334455"]:
+            storage.create_container(mac.lower())
+            print("  blob container for recorder %s is ready" % mac.lower())
+        print("Console: a subject, or \"link|blob pass|blackhole|delay MS|throttle BYTES_PER_S|reset\", "
+              "\"relay status\"", flush=True)
+        server = subprocess.Popen(
+            ["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
+             "--port", str(server_port), "--cert", os.path.join(certs, "server.pem"),
+             "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem"),
+             "--set", json.dumps(flags)], stdin=subprocess.PIPE, text=True, bufsize=1)
+        for line in sys.stdin:
+            words = line.split()
+            target = server
+            if words and words[0] in ("link", "blob"):
+                target = relay
+            elif words[:2] == ["relay", "status"]:
+                target, line = relay, "status\n"
+            if target.poll() is not None:
+                break
+            target.stdin.write(line)
+            target.stdin.flush()
+    except KeyboardInterrupt:
+        pass
+    finally:
+        for proc in (server, relay):
+            if proc is not None and proc.poll() is None:
+                proc.stdin.close()
+                try:
+                    proc.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
+        storage.stop()
 
 
 if __name__ == "__main__":
