@@ -25,16 +25,16 @@ bool ProxyTunnel::apply(lws_vhost* vhost, const std::string& scheme, const std::
     if (std::getenv("http_proxy") != nullptr) lws_set_proxy(vhost, ":0");
     return true;
   }
-  std::string spec = route->address();
+  std::string proxy_arg = route->address();
   if (route->has_credentials()) {
     if (route->user.size() + 1 + route->password.size() > kMaxCredentials) {
       zel_log(LOG_ERR, "Proxy credentials too long for the link: %s\n", route->redacted().c_str());
       return false;
     }
-    spec = route->user + ":" + route->password + "@" + spec;
+    proxy_arg = route->user + ":" + route->password + "@" + proxy_arg;
   }
-  int rc = lws_set_proxy(vhost, spec.c_str());
-  std::fill(spec.begin(), spec.end(), '\0');
+  int rc = lws_set_proxy(vhost, proxy_arg.c_str());
+  std::fill(proxy_arg.begin(), proxy_arg.end(), '\0');
   if (rc != 0) {
     zel_log(LOG_ERR, "Proxy %s not accepted for the link\n", route->redacted().c_str());
     return false;
