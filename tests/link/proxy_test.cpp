@@ -16,12 +16,8 @@ struct Tinyproxy {
   explicit Tinyproxy(std::vector<std::string> args = {})
       : peer("http_proxy.py", (args.insert(args.end(), {"--machine", dir.path}), args)) {}
   long port() { return peer.listening().num("port"); }
-  std::string uri(const std::string& userinfo = "") {
-    return "http://" + userinfo + (userinfo.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port());
-  }
-  size_t connects_to(const std::string& host_port) {  // tunnels asked for
-    return static_cast<size_t>(peer.command("{\"cmd\":\"tunnels\",\"to\":\"" + host_port + "\"}").num("count"));
-  }
+  std::string uri(const std::string& user = "") { return "http://" + user + (user.empty() ? "" : "@") + "127.0.0.1:" + std::to_string(port()); }
+  long connects_to(const std::string& host_port) { return peer.command("{\"cmd\":\"tunnels\",\"to\":\"" + host_port + "\"}").num("count"); }
   TempDir dir;
   Peer peer;
 };
@@ -84,8 +80,8 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   Device device(cloud, params(cloud), {"cam-1"});
   EXPECT_EQ(seen(cloud), direct);
   EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << said;
-  EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1u);
-  EXPECT_EQ(proxy.connects_to(blob_host()), 1u);
+  EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1);
+  EXPECT_EQ(proxy.connects_to(blob_host()), 1);
   Event blob = storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/1614600000.mp4\"}");
   EXPECT_EQ(blob.str("sha256"), sha256_hex(openssl_enc(clip, "clip-secret")));
 
@@ -102,18 +98,18 @@ TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
   // The link through the proxy and the upload straight, then the other way round; tinyproxy
   // answers wrong credentials with 401.
   for (auto [userinfo, no_proxy, link_through, state, message] :
-       {std::tuple{"alice:s3c%2Er3t-K9", "other.example, .blob.localhost", 1u, 6, std::string("Uploaded")},
-        {"alice:wr0ng-K9", "127.0.0.1", 0u, 7,
+       {std::tuple{"alice:s3c%2Er3t-K9", "other.example, .blob.localhost", 1L, 6, std::string("Uploaded")},
+        {"alice:wr0ng-K9", "127.0.0.1", 0L, 7,
          " - Proxy 127.0.0.1:" + std::to_string(proxy.port()) + " refused CONNECT with status 401\n"}}) {
     setenv("no_proxy", no_proxy, 1);
     ASSERT_TRUE(zel::Upload::set_proxy(proxy.uri(userinfo)));
-    size_t blob_tunnels = proxy.connects_to(blob_host());
+    long blob_tunnels = proxy.connects_to(blob_host());
     Cloud cloud{true, flags()};
     Device device(cloud, params(cloud));
     EXPECT_EQ(upload(), state) << said;
     EXPECT_NE(said.find(message), std::string::npos) << said;
     EXPECT_EQ(proxy.connects_to(link_host(cloud)), link_through);
-    EXPECT_EQ(proxy.connects_to(blob_host()) - blob_tunnels, 1u - link_through);
+    EXPECT_EQ(proxy.connects_to(blob_host()) - blob_tunnels, 1 - link_through);
   }
   EXPECT_NE(said.find("> Proxy-Authorization: [hidden]"), std::string::npos);  // libcurl's, as shown
 }
