@@ -1,8 +1,5 @@
 #include "upload/curl_proxy.h"
 
-#include <cstdio>
-#include <cstdlib>
-
 namespace zel {
 
 std::optional<ProxyRoute> apply_proxy(CURL* handle, const std::string& host) {
