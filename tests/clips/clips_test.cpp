@@ -153,10 +153,9 @@ class Pipeline : public ::testing::Test {
  protected:
   void TearDown() override { zel::Upload::register_log(nullptr); }
   const std::string token = storage_token();
-  Cloud cloud{true, "{\"auto_storage\":true,\"auto_ack\":true,\"storage_token\":\"" + token +
-                   "\",\"storage_secret\":\"clip-secret-1\"}"};
-  zel::CloudConnect cc = [this] { auto cc = cloud.params(); return cc.mac_address = "0011223344AA", cc; }();
-  TempDir dir;  // the blob container is the recorder's MAC, lower-cased
+  Cloud cloud{true, storage_flags(token, "clip-secret-1")};
+  zel::CloudConnect cc = cloud.params("0011223344AA");  // the container is the MAC, lower-cased
+  TempDir dir;
 };
 
 // A whole clip under the upload cap: its progress reports show the capped rate over 5 s.

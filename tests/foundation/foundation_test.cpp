@@ -1,8 +1,7 @@
-// The envelope, the work limiter, and the JSON file helper with the fuzzers' findings.
+// The envelope and the JSON file helper with the fuzzers' findings.
 #include <gtest/gtest.h>
 
 #include "foundation/envelope.h"
-#include "foundation/time_utils.h"
 #include "support/peer.h"
 #include "zel/json.h"
 #include "zel/msg_response.h"
@@ -21,17 +20,6 @@ TEST(Envelope, MessagesAndReplies) {
        envelope("zel-cloud", "details", "{\"status\":\"OK\",\"details\":{\"k\":[1,2]}}", "req-7")},
   };
   for (const auto& [got, want] : rows) EXPECT_EQ(stable(got), want);
-}
-
-// The limiter behind the 5 s reconnection and the 30 s ping.
-TEST(Clock, TheLimiterFiresOncePerWholePeriod) {
-  FrozenClock clock;
-  unsigned stamp = static_cast<unsigned>(zel::time_now());
-  zel::advance_clock(4);
-  EXPECT_EQ(zel::ratelimit(&stamp, 5), 0) << "4 s of a 5 s period";
-  zel::advance_clock(1);
-  EXPECT_EQ(zel::ratelimit(&stamp, 5), 1) << "the whole period";
-  EXPECT_EQ(zel::ratelimit(&stamp, 5), 0) << "and it starts again";
 }
 
 TEST(JsonFiles, SetBoolOnlyChangesObjects) {

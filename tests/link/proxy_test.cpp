@@ -38,14 +38,6 @@ class Proxy : public ::testing::Test {
     for (const char* name : {"https_proxy", "no_proxy", "ZEL_DEBUG"}) unsetenv(name);
     for (const char* secret : kSecrets) EXPECT_EQ(said.find(secret), std::string::npos) << secret;
   }
-  std::string flags() {
-    return "{\"auto_storage\":true,\"auto_ack\":true,\"storage_secret\":\"clip-secret\",\"storage_token\":\"" +
-           storage_token() + "\"}";
-  }
-  zel::CloudConnect params(Cloud& cloud) {
-    zel::CloudConnect cc = cloud.params();
-    return cc.mac_address = "0011223344AA", cc;  // also the blob container
-  }
   int upload() {  // one clip; its last state
     Reports r;
     zel::Upload::upload_clip({clip, "0A1B2C3D4E5F", 1614600000, 1614600060, 50000, {}, "", r.callback()});
@@ -70,14 +62,14 @@ class Proxy : public ::testing::Test {
 TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   std::string direct;
   {
-    Cloud cloud{true, flags()};
-    Device device(cloud, params(cloud), {"cam-1"});
+    Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
+    Device device(cloud, cloud.params("0011223344AA"), {"cam-1"});
     direct = seen(cloud);
   }
   Tinyproxy proxy;
   setenv("https_proxy", proxy.uri().c_str(), 1);
-  Cloud cloud{true, flags()};
-  Device device(cloud, params(cloud), {"cam-1"});
+  Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
+  Device device(cloud, cloud.params("0011223344AA"), {"cam-1"});
   EXPECT_EQ(seen(cloud), direct);
   EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << said;
   EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1);
@@ -104,8 +96,8 @@ TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
     setenv("no_proxy", no_proxy, 1);
     ASSERT_TRUE(zel::Upload::set_proxy(proxy.uri(userinfo)));
     long blob_tunnels = proxy.connects_to(blob_host());
-    Cloud cloud{true, flags()};
-    Device device(cloud, params(cloud));
+    Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
+    Device device(cloud, cloud.params("0011223344AA"));
     EXPECT_EQ(upload(), state) << said;
     EXPECT_NE(said.find(message), std::string::npos) << said;
     EXPECT_EQ(proxy.connects_to(link_host(cloud)), link_through);

@@ -138,9 +138,9 @@ Cloud::Cloud(bool tls, const std::string& flags)
                                       : std::vector<std::string>{"--plain", "--set", flags}),
       uri(std::string(tls ? "wss" : "ws") + "://127.0.0.1:" + std::to_string(listening().num("port")) + "/") {}
 
-zel::CloudConnect Cloud::params() const {
+zel::CloudConnect Cloud::params(const char* mac) const {
   zel::CloudConnect cc;
-  cc.server_uri = uri, cc.mac_address = kMac, cc.ca_path = cert("ca.pem");
+  cc.server_uri = uri, cc.mac_address = mac, cc.ca_path = cert("ca.pem");
   cc.cert_path = cert("client.pem"), cc.key_path = cert("client.key");
   return cc;
 }
@@ -175,6 +175,11 @@ Peer& storage() {
 
 std::string storage_token(const std::string& permissions) {
   return storage().command("{\"cmd\":\"sas\",\"permissions\":\"" + permissions + "\"}").str("token");
+}
+
+std::string storage_flags(const std::string& token, const std::string& secret) {
+  return "{\"auto_storage\":true,\"auto_ack\":true,\"storage_token\":\"" + token + "\",\"storage_secret\":\"" +
+         secret + "\"}";
 }
 
 Device::Device(Cloud& cloud, const zel::CloudConnect& cc, std::list<std::string> cameras) {

@@ -65,7 +65,7 @@ std::string cert(const char* name);  // made once per build directory ("ca.pem",
 // tools/cloud/messaging_server.py on a port of its choosing; flags as its "set" takes them.
 struct Cloud : Peer {
   explicit Cloud(bool tls = true, const std::string& flags_json = "{}");
-  zel::CloudConnect params() const;
+  zel::CloudConnect params(const char* mac = kMac) const;  // a MAC of its own: the blob container
   // The nth message the device sent on its own account (not a reply) with this subject.
   std::optional<std::string> sent(const std::string& subject, size_t nth = 0, Ms timeout = 5s);
   std::optional<std::string> reply(const std::string& id, Ms timeout = 5s);
@@ -77,6 +77,8 @@ struct Cloud : Peer {
 // tools/cloud/blob_storage.py for the whole test program; ZEL_BLOB_DOMAIN points at it.
 Peer& storage();
 std::string storage_token(const std::string& permissions = "racwdl");
+// Cloud flags: storage credentials (this token and secret) for every clip, every clip acknowledged.
+std::string storage_flags(const std::string& token, const std::string& secret);
 
 // The library connected as a host connects it (until its version is out); then disconnected.
 struct Device {
