@@ -586,6 +586,8 @@ class Soak(NetworkFaults):
             self.baseline = obj["baseline"]
         elif "link" in obj:
             self.net_host_link(t, obj["link"] == "up")
+        elif "log" in obj:
+            self.net_host_log(t, obj["log"])
         elif "resubmit" in obj:
             self.net_resubmitted(obj["resubmit"], obj["as"])
         elif obj.get("final"):

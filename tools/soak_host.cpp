@@ -13,6 +13,7 @@
 //   {"clip":n,"state":s,"t":..,"start_time":..,"msg":..} every clip state
 //   {"t":..,"rss_kb":..,"fds":..,"threads":..,...}      about every 10 s
 //   {"resubmit":n,"as":m,"t":..}                        clip n sent again as clip m
+//   {"log":..,"level":l,"t":..}                         the library's errors and warnings
 //   {"final":true,...}                                  the summary, last
 // Input on stdin: "resubmit N" sends clip N again (same camera, start time and bytes),
 // as a recorder does with a clip whose upload failed; "events off" / "events on" stop
@@ -361,6 +362,14 @@ int main(int argc, char** argv) {
   });
   zel::Upload::register_ota_update([](zel::UpdateInfo) {
     return zel::MsgResponse::Error("{\"error\":\"soak host takes no updates\"}");
+  });
+
+  // The library's errors and warnings, timed: an upload thread logs its failure when it
+  // happens, while the clip's state-7 report waits for the worker's next pass.
+  zel::Upload::set_log_levels(3);
+  zel::Upload::register_log([](int level, const std::string& line) {
+    emit("{\"log\":" + json_string(line.substr(0, 400)) + ",\"level\":" + std::to_string(level) +
+         ",\"t\":" + fixed(elapsed_s(), 3) + "}");
   });
 
   zel::CloudConnect cc;
