@@ -154,7 +154,7 @@ class Pipeline : public ::testing::Test {
   void TearDown() override { zel::Upload::register_log(nullptr); }
   const std::string token = storage_token();
   Cloud cloud{true, storage_flags(token, "clip-secret-1")};
-  zel::CloudConnect cc = cloud.params("0011223344AA");  // the container is the MAC, lower-cased
+  zel::CloudConnect cc = cloud.params(kUploadMac);
   TempDir dir;
 };
 

@@ -63,13 +63,13 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   std::string direct;
   {
     Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
-    Device device(cloud, cloud.params("0011223344AA"), {"cam-1"});
+    Device device(cloud, cloud.params(kUploadMac), {"cam-1"});
     direct = seen(cloud);
   }
   Tinyproxy proxy;
   setenv("https_proxy", proxy.uri().c_str(), 1);
   Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
-  Device device(cloud, cloud.params("0011223344AA"), {"cam-1"});
+  Device device(cloud, cloud.params(kUploadMac), {"cam-1"});
   EXPECT_EQ(seen(cloud), direct);
   EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << said;
   EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1);
@@ -97,7 +97,7 @@ TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
     ASSERT_TRUE(zel::Upload::set_proxy(proxy.uri(userinfo)));
     long blob_tunnels = proxy.connects_to(blob_host());
     Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
-    Device device(cloud, cloud.params("0011223344AA"));
+    Device device(cloud, cloud.params(kUploadMac));
     EXPECT_EQ(upload(), state) << said;
     EXPECT_NE(said.find(message), std::string::npos) << said;
     EXPECT_EQ(proxy.connects_to(link_host(cloud)), link_through);

@@ -168,7 +168,7 @@ long Cloud::close_code(size_t nth, Ms timeout) {
 }
 
 Peer& storage() {
-  static Peer peer("blob_storage.py", {"--machine", "--certs", ZEL_TEST_CERTS, "--container", "0011223344aa"});
+  static Peer peer("blob_storage.py", {"--machine", "--certs", ZEL_TEST_CERTS, "--container", kUploadContainer});
   static int pointed = setenv("ZEL_BLOB_DOMAIN", peer.listening().str("blob_domain").c_str(), 1);
   return pointed == 0 ? peer : peer;
 }

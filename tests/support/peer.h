@@ -58,6 +58,9 @@ class Peer {
 
 constexpr const char* kMac = "00:AA:BB:CC:DD:EE";
 constexpr const char* kMacLower = "00:aa:bb:cc:dd:ee";
+// A recorder that uploads: the test storage holds a container named after it, lower-cased.
+constexpr const char* kUploadMac = "0011223344AA";
+constexpr const char* kUploadContainer = "0011223344aa";
 extern const std::string kVersion;  // of a device without account, partner or serial number
 extern const std::string kOkay;     // a reply's content for MsgResponse::Okay()
 std::string cert(const char* name);  // made once per build directory ("ca.pem", ...)

@@ -50,7 +50,7 @@ class Upload : public ::testing::Test {
   void TearDown() override { setenv("ZEL_BLOB_DOMAIN", storage().listening().str("blob_domain").c_str(), 1); }
   zel::UploadData job(const std::string& path, int64_t start_time) {
     zel::UploadData d;
-    d.start = zel::time_now(), d.nvr_mac = "0011223344aa", d.camera_mac = "aabbccddeeff";
+    d.start = zel::time_now(), d.nvr_mac = kUploadContainer, d.camera_mac = "aabbccddeeff";
     d.start_time = start_time, d.path = path, d.account = "devstoreaccount1", d.token = storage_token();
     d.secret = kSecret, d.timeout_s = 60, d.expected_size = static_cast<int64_t>(read_file(path).size());
     return d;
@@ -117,7 +117,7 @@ TEST_F(Upload, PoolReportsStartThenOutcomeOnce) {
   std::map<std::string, std::vector<std::string>> seen;
   for (int i = 0; i < 4; ++i) {
     zel::PendingClip p;
-    p.nvr_mac = "0011223344aa", p.clip.path = path, p.clip.camera_mac = "aabbccddeeff";
+    p.nvr_mac = kUploadContainer, p.clip.path = path, p.clip.camera_mac = "aabbccddeeff";
     p.clip.start_time = 1704067300 + i, p.clip.size = 300000;
     p.credentials = {"devstoreaccount1", storage_token(i == 3 ? "rl" : "racwdl"), kSecret, "", "", 0};
     pool.upload(p);
