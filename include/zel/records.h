@@ -116,8 +116,8 @@ struct TransactionAck {
   std::string start_at;
 };
 
-// What Upload::stats() returns: the link, the queues and the clips at a glance. Counts are
-// as of the end of the last worker pass or fresher; times are seconds since the epoch
+// What Upload::stats() returns: the link, the queues and the clips at a glance. Queue
+// counts are as of the last change to the queue; times are seconds since the epoch
 // (0 = never). The totals count from the last connect.
 struct CloudStats {
   bool link_up = false;

@@ -1,5 +1,6 @@
 // Clip intake: checks on the host's thread, the clip queue, and the worker's step that
 // turns a queued clip into a pending one and asks for its storage credentials.
+#include <algorithm>
 #include <exception>
 #include <fstream>
 
@@ -74,10 +75,12 @@ void Messaging::upload_clip(const ClipInfo& clip, const UploadOpts& opts) {
     return;
   }
 
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   auto it = unacked_clips.find(confirmation_key(clip.camera_mac, clip.start_time));
   if (it == unacked_clips.end()) {
+    if (!replace_earlier_submission(clip)) return;
     clip_queue.emplace_back(clip, opts);
+    update_counts();
     report_clip(clip, CLIP_QUEUED, "");
     return;
   }
@@ -91,11 +94,38 @@ void Messaging::upload_clip(const ClipInfo& clip, const UploadOpts& opts) {
   report_clip(clip, CLIP_UPLOADED, "Re-sending upload confirmation");
 }
 
+bool Messaging::replace_earlier_submission(const ClipInfo& clip) {
+  const std::string key = pending_key(lower(clip.camera_mac), clip.start_time);
+  auto pending = pending_clips.find(key);
+  if (pending != pending_clips.end() && pending->second.in_flight) {
+    report_clip(clip, CLIP_REJECTED, "Clip is already uploading");
+    return false;
+  }
+  // Every submission ends with a final state: the one replaced ends here. Its credentials,
+  // if they come, serve the new submission.
+  ClipInfo replaced;
+  if (pending != pending_clips.end()) {
+    replaced = std::move(pending->second.clip);
+    pending_clips.erase(pending);
+  } else {
+    auto queued = std::find_if(clip_queue.begin(), clip_queue.end(), [&key](const auto& entry) {
+      return pending_key(lower(entry.first.camera_mac), entry.first.start_time) == key;
+    });
+    if (queued == clip_queue.end()) return true;
+    replaced = std::move(queued->first);
+    clip_queue.erase(queued);
+  }
+  update_counts();
+  report_clip(replaced, CLIP_FAILED, "Replaced by a newer submission of the same clip");
+  return true;
+}
+
 void Messaging::clear_queued_clips() {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   while (!clip_queue.empty()) {
     ClipInfo clip = std::move(clip_queue.front().first);
     clip_queue.pop_front();
+    update_counts();
     report_clip(clip, CLIP_FAILED, "User cancelled");
   }
 }

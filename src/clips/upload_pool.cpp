@@ -13,10 +13,17 @@ Messaging::~Messaging() = default;
 
 void UploaderClusterDeleter::operator()(UploaderCluster* cluster) const { delete cluster; }
 
+namespace {
+// Each thread holds a connection and a clip in flight; past this the recorder's uplink,
+// not the pool, is the limit.
+constexpr unsigned kMaxUploadThreads = 64;
+}  // namespace
+
 void Messaging::start_upload_pool(const std::string& ca_path) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   uploaders.reset(new UploaderCluster(ca_path));
   uploaders->set_size(upload_threads);
+  update_counts();
 }
 
 void Messaging::hand_to_pool(PendingClip& pending) {
@@ -29,41 +36,57 @@ void Messaging::set_upload_threads(unsigned n) {
     zel_log(LOG_ERR, "Can't resize the upload pool from an upload thread\n");
     return;
   }
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   if (!uploaders) return;
+  // A pool without threads would leave every clip handed to it waiting for ever.
+  if (n == 0) {
+    zel_log(LOG_ERR, "Can't set 0 upload threads while connected; disconnect empties the pool\n");
+    return;
+  }
+  if (n > kMaxUploadThreads) {
+    zel_log(LOG_WARN, "Upload threads capped at %u (asked for %u)\n", kMaxUploadThreads, n);
+    n = kMaxUploadThreads;
+  }
   // Returns at once: threads that go finish their uploads in the background.
-  uploaders->set_size(n);
-  upload_threads = n;
+  const unsigned reached = uploaders->set_size(n);
+  if (reached > 0) upload_threads = reached;
+  update_counts();
 }
 
-std::vector<ClipReport> Messaging::stop_upload_pool(std::chrono::steady_clock::time_point deadline) {
-  std::unique_ptr<UploaderCluster, UploaderClusterDeleter> pool;
+bool Messaging::stop_upload_pool(std::chrono::steady_clock::time_point deadline,
+                                 std::vector<ClipReport>& reports) {
   {
-    std::lock_guard<std::recursive_mutex> lock(work_mutex);
-    pool = std::move(uploaders);
+    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);
+    if (!lock.owns_lock()) return false;
+    if (uploaders) stopping_pool = std::move(uploaders);
+    update_counts();
   }
-  if (!pool) return {};
-  // Unlocked: a progress function may be waiting for work_mutex right now.
-  const bool stopped = pool->stop(deadline);
-
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
-  // What the threads reported before they stopped still reaches the host...
-  std::vector<ClipReport> reports = apply_upload_statuses(pool->get_statuses());
-  // ...and no clip keeps a pending slot for an upload that will never report.
-  for (auto it = pending_clips.begin(); it != pending_clips.end();) {
-    if (!it->second.in_flight) {
-      ++it;
-      continue;
+  if (stopping_pool) {
+    // Unlocked: a progress function may be waiting for work_mutex right now.
+    const bool stopped = stopping_pool->stop(deadline);
+    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);
+    if (!lock.owns_lock()) return false;  // the next disconnect takes it from here
+    // What the threads reported before they stopped still reaches the host...
+    reports = apply_upload_statuses(stopping_pool->get_statuses());
+    // ...and no clip keeps a pending slot for an upload that will never report.
+    for (auto it = pending_clips.begin(); it != pending_clips.end();) {
+      if (!it->second.in_flight) {
+        ++it;
+        continue;
+      }
+      it->second.state = CLIP_FAILED;
+      reports.push_back({std::move(it->second.clip), CLIP_FAILED, kUploadInterrupted});
+      it = pending_clips.erase(it);
     }
-    it->second.state = CLIP_FAILED;
-    reports.push_back({std::move(it->second.clip), CLIP_FAILED, kUploadInterrupted});
-    it = pending_clips.erase(it);
+    update_counts();
+    if (!stopped) {
+      zel_log(LOG_ERR, "An upload thread is still in its progress function; it ends when that returns\n");
+      stuck_pools.push_back(std::move(stopping_pool));
+    }
+    stopping_pool.reset();
   }
-  if (!stopped) {
-    zel_log(LOG_ERR, "An upload thread is still in its progress function; it ends when that returns\n");
-    stuck_pools.push_back(std::move(pool));
-  }
-  return reports;
+  reap_stuck_pools();
+  return true;
 }
 
 void Messaging::reap_stuck_pools() {

@@ -7,8 +7,9 @@ namespace zel {
 
 void Messaging::upload_event(const AccessEventInfo& event) {
   if (event.device_uuid.empty()) return;
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   access_event_queue.push_back(event);
+  update_counts();
 }
 
 void Messaging::process_access_event() {

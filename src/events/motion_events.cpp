@@ -6,8 +6,9 @@
 namespace zel {
 
 void Messaging::upload_event(const EventInfo& event) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   event_queue.push_back(event);
+  update_counts();
 }
 
 void Messaging::process_event() {

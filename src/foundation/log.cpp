@@ -12,9 +12,13 @@ namespace zel {
 namespace {
 // Guards our lines on standard error, the enabled flag, the host's callback and its
 // mask, and the observer.
+// The two functions are never destroyed: a library thread may still log while the
+// process exits.
 std::mutex g_log_mutex;
-std::function<void(int, const std::string&)> g_observer;
-std::function<void(int, const std::string&)> g_callback;
+std::function<void(int, const std::string&)>& g_observer =
+    *new std::function<void(int, const std::string&)>;
+std::function<void(int, const std::string&)>& g_callback =
+    *new std::function<void(int, const std::string&)>;
 int g_levels = LOG_ERR | LOG_WARN | LOG_NOTICE;
 bool g_enabled = false;  // ZEL_DEBUG: our lines go to standard error
 

@@ -3,8 +3,6 @@
 // at once, the calls that would make a thread wait for itself.
 #pragma once
 
-#include <atomic>
-
 namespace zel {
 
 enum class ThreadRole { HOST, WORKER, UPLOADER };
@@ -23,11 +21,5 @@ class CallbackScope {
 };
 bool in_host_callback();
 
-// Sets a flag when the scope ends: a thread function marks that it has returned, so that
-// joining it can no longer wait.
-struct SetOnExit {
-  std::atomic<bool>& flag;
-  ~SetOnExit() { flag = true; }
-};
 
 }  // namespace zel

@@ -9,19 +9,19 @@
 namespace zel {
 
 void Messaging::register_item(const Item& item) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   WebSocketClient::instance().send_message(
       makeMessage(device_info, "zel-inbound", "register", item.to_json(), true), false);
 }
 
 void Messaging::cloud_sync() {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   WebSocketClient::instance().send_message(
       makeMessage(device_info, "zel-inbound", "cloudsync", "{}", true), false);
 }
 
 void Messaging::register_camera(const std::string& camera_mac) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   send_camera_to_cloud(camera_mac);
 }
 
@@ -37,7 +37,7 @@ void Messaging::send_camera_to_cloud(const std::string& camera_mac) {
 
 void Messaging::send_camera_setting(const std::string& camera_mac, const std::string& name,
                                     const std::string& value) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   JsonPtr parsed(cJSON_Parse(value.c_str()));
   if (!parsed) {
     zel_log(LOG_WARN, "Error parsing stringified_value: '%s'\n", value.c_str());
@@ -53,7 +53,7 @@ void Messaging::send_camera_setting(const std::string& camera_mac, const std::st
 
 void Messaging::send_action_scheduler(const std::string& action_scheduler_uuid,
                                       const std::string& recurrence_count) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   send_transaction("actionScheduler",
                    "{\"action_scheduler_uuid\": \"" + action_scheduler_uuid +
                        "\",\"recurrence_count\": \"" + recurrence_count + "\"}",

@@ -14,6 +14,7 @@ void WebSocketClient::send_message(const std::string& message, bool force) {
   std::lock_guard<std::mutex> lock(mutex);
   if (!connected && !force) return;
   outbound.insert(OutboundType{message, 0});
+  count_queues_locked();
   request_writeable_locked();
 }
 
@@ -32,7 +33,9 @@ bool WebSocketClient::get_outbound_message(OutboundType& out) {
 
 bool WebSocketClient::outbound_remove_message(OutboundType& m) {
   std::lock_guard<std::mutex> lock(mutex);
-  return outbound.erase(m) > 0;
+  const bool erased = outbound.erase(m) > 0;
+  count_queues_locked();
+  return erased;
 }
 
 bool WebSocketClient::inbound_message_ready() {
@@ -45,17 +48,21 @@ std::string WebSocketClient::get_inbound_message() {
   if (inbound.empty()) return std::string();
   std::string text = std::move(inbound.front());
   inbound.pop_front();
+  count_queues_locked();
   return text;
 }
 
-size_t WebSocketClient::inbound_size() {
-  std::lock_guard<std::mutex> lock(mutex);
-  return inbound.size();
+size_t WebSocketClient::inbound_size() { return inbound_count; }
+
+void WebSocketClient::count_queues_locked() {
+  outbound_count = outbound.size();
+  inbound_count = inbound.size();
 }
 
 void WebSocketClient::soft_disconnect() {
   std::lock_guard<std::mutex> lock(mutex);
   outbound.insert(OutboundType{std::string(), 0});
+  count_queues_locked();
   if (on_worker_thread() && wsi != nullptr) lws_callback_on_writable(wsi);
 }
 
@@ -79,15 +86,18 @@ std::future<void> WebSocketClient::full_disconnect() {
   return disconnect_promise.get_future();
 }
 
+bool WebSocketClient::wait_closed(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock<std::mutex> lock(mutex);
+  return link_down.wait_until(lock, deadline, [this] { return !connected; });
+}
+
 void WebSocketClient::inject_inbound(const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex);
   inbound.push_back(text);
+  count_queues_locked();
 }
 
-size_t WebSocketClient::outbound_size() {
-  std::lock_guard<std::mutex> lock(mutex);
-  return outbound.size();
-}
+size_t WebSocketClient::outbound_size() { return outbound_count; }
 
 std::vector<std::string> WebSocketClient::outbound_texts() {
   std::lock_guard<std::mutex> lock(mutex);

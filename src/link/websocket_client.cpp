@@ -59,8 +59,9 @@ void call_guarded(const std::function<void()>& fn, const char* what) {
 }  // namespace
 
 WebSocketClient& WebSocketClient::instance() {
-  static WebSocketClient client;
-  return client;
+  // Never destroyed: a worker that outlives main must never meet a destroyed link.
+  static WebSocketClient* client = new WebSocketClient();
+  return *client;
 }
 
 WebSocketClient::~WebSocketClient() {
@@ -75,6 +76,7 @@ bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> o
   disconnect_signalled = false;
   disconnect_promise = std::promise<void>();
   outbound.clear();
+  count_queues_locked();
   on_connect = std::move(on_connect_fn);
   on_disconnect = std::move(on_disconnect_fn);
   origin = cc.mac_address;
@@ -235,6 +237,7 @@ void WebSocketClient::set_connected(bool c) {
   }
   if (was_connected) call_guarded(on_disconnect, "Disconnect");
   std::lock_guard<std::mutex> lock(mutex);
+  link_down.notify_all();
   if (disconnect_signalled) return;
   try {
     disconnect_promise.set_value();
@@ -305,6 +308,7 @@ void WebSocketClient::on_received(lws* w, const void* in, size_t len) {
   std::string text(static_cast<const char*>(in), len);
   std::lock_guard<std::mutex> lock(mutex);
   inbound.emplace_back(std::move(text));
+  count_queues_locked();
 }
 
 int WebSocketClient::close_with(lws* w, int code) {
@@ -322,10 +326,9 @@ int WebSocketClient::on_writeable(lws* w) {
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     msg.attempts += 1;
-    if (msg.message.empty()) {
+    if (msg.message.empty() || msg.message.size() > kMaxPayload) {
       outbound.erase(outbound.begin());
-    } else if (msg.message.size() > kMaxPayload) {
-      outbound.erase(outbound.begin());
+      count_queues_locked();
     }
   }
   if (msg.message.empty()) {

@@ -5,6 +5,8 @@
 #include <libwebsockets.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -45,13 +47,15 @@ class WebSocketClient {
   bool outbound_remove_message(OutboundType& m);
   bool inbound_message_ready();
   std::string get_inbound_message();
-  size_t inbound_size();
+  size_t inbound_size();  // like outbound_size(), without taking the link's lock
   void soft_disconnect();
   std::future<void> full_disconnect();
+  // Waits until the link is down or the deadline; true when it is down.
+  bool wait_closed(std::chrono::steady_clock::time_point deadline);
 
   // Test seams.
   void inject_inbound(const std::string& text);  // as if received from the server
-  size_t outbound_size();
+  size_t outbound_size();  // the queue's size, kept where any thread reads it without a lock
   std::vector<std::string> outbound_texts();
 
   ~WebSocketClient();
@@ -70,6 +74,7 @@ class WebSocketClient {
   void request_writeable_locked();
 
   void service_once();
+  void count_queues_locked();  // mutex held, after outbound or inbound changed
 
   lws* wsi = nullptr;
   ProxyTunnel tunnel;  // worker thread only
@@ -100,10 +105,14 @@ class WebSocketClient {
   std::deque<std::string> inbound;
   std::vector<unsigned char> write_buffer;
 
+  std::atomic<size_t> outbound_count{0};
+  std::atomic<size_t> inbound_count{0};
+
   // Guards outbound, inbound and the state host threads touch: keep_connected,
   // connected, disconnect_promise and disconnect_signalled. Never held while
   // on_connect/on_disconnect run (they send) nor across a call into lws.
   std::mutex mutex;
+  std::condition_variable link_down;  // with mutex: connected has become false
   // The thread that services the socket: only it may call into lws.
   std::atomic<std::thread::id> service_thread{};
 };

@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <exception>
 #include <future>
 
@@ -13,6 +14,7 @@
 #include "foundation/time_utils.h"
 #include "inventory/templates.h"
 #include "link/websocket_client.h"
+#include "upload/uploader_cluster.h"
 
 namespace zel {
 
@@ -24,6 +26,11 @@ constexpr auto kDisconnectWait = std::chrono::seconds(30);
 // disconnect returns within 32 s: 30 for the close, the rest for the threads to end.
 constexpr auto kWorkerStopBound = std::chrono::seconds(31);
 constexpr auto kPoolStopBound = std::chrono::milliseconds(31500);
+// At exit the host is going away: a short goodbye, then whatever is stuck is left behind;
+// all of it within 2 s.
+constexpr auto kExitCloseWait = std::chrono::milliseconds(800);
+constexpr auto kExitWorkerBound = std::chrono::milliseconds(1400);
+constexpr auto kExitBound = std::chrono::seconds(2);
 constexpr unsigned kPingPeriod = 30;
 
 std::string build_version_json(const std::string& version, const CloudConnect& cc) {
@@ -53,8 +60,10 @@ void run_stage(const char* name, Stage&& stage) {
 }  // namespace
 
 Messaging& Messaging::get() {
-  static Messaging instance;
-  return instance;
+  // Never destroyed: threads that outlive main (a host that exits without disconnect, or
+  // from a callback) must never meet a destroyed singleton.
+  static Messaging* instance = new Messaging();
+  return *instance;
 }
 
 Messaging::Messaging() {
@@ -76,12 +85,13 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
                         const std::list<std::string>& camera_list) {
   if (refuse_lifecycle_call("connect")) return false;
   std::lock_guard<std::mutex> connect_lock(connect_mutex);
-  if (worker_thread) return false;
+  // A disconnect that gave up has something left to finish: it goes first.
+  if (worker_thread || uploaders || stopping_pool) return false;
   reap_stuck_pools();
 
   {
     // Host threads read the identity under this lock while they report.
-    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
     apply_identity(cc);
     cameras = camera_list;
     on_connect_cb = std::move(on_connect_fn);
@@ -94,11 +104,18 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
   // One reading of the proxy configuration serves the link and the uploads alike.
   capture_proxy_settings();
   start_upload_pool(cc.ca_path);
+  // After libcurl's and OpenSSL's own set-up (the pool's), so that it runs before their
+  // clean-up at exit.
+  static std::once_flag exit_once;
+  std::call_once(exit_once, [] { std::atexit(&Messaging::exit_handler); });
 
   WebSocketClient::instance().initialize(
       cc, [this] { this->on_connect(); }, [this] { this->on_disconnect(); });
-  running.test_and_set();
-  worker_exited = false;
+  {
+    std::lock_guard<std::mutex> lock(wake_mutex);
+    running = true;
+    worker_exited = false;
+  }
   worker_thread = std::make_unique<std::thread>([this] { worker(); });
   return true;
 }
@@ -117,13 +134,14 @@ void Messaging::apply_identity(const CloudConnect& cc) {
 }
 
 void Messaging::prepare_for_tests(const CloudConnect& cc) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   apply_identity(cc);
 }
 
 bool Messaging::disconnect() {
   if (refuse_lifecycle_call("disconnect")) return false;
   std::vector<ClipReport> last_reports;
+  bool done = false;
   {
     std::unique_lock<std::mutex> connect_lock(connect_mutex, std::try_to_lock);
     if (!connect_lock.owns_lock()) {
@@ -131,72 +149,121 @@ bool Messaging::disconnect() {
       return false;
     }
     const auto started = std::chrono::steady_clock::now();
-    if (!worker_thread) return true;
-    if (!close_link()) return false;
-
-    // The worker is stopped before the pool goes, so it never touches a destroyed pool.
-    running.clear();
-    while (!worker_exited && std::chrono::steady_clock::now() < started + kWorkerStopBound)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (!worker_exited) {
-      zel_log(LOG_ERR, "The worker is still in a callback; call disconnect again later\n");
-      return false;
+    // Each step is skipped once done, so a disconnect that gave up can be called again
+    // and finishes what the first one left.
+    if (worker_thread) {
+      if (!close_link(started + kDisconnectWait)) return false;
+      // The worker is stopped before the pool goes, so it never touches a destroyed pool.
+      if (!stop_worker(started + kWorkerStopBound)) {
+        zel_log(LOG_ERR, "The worker is still in a callback; call disconnect again later\n");
+        return false;
+      }
+      WebSocketClient::instance().clear_context();
     }
-    worker_thread->join();
-    worker_thread.reset();
-    last_reports = stop_upload_pool(started + kPoolStopBound);
-    reap_stuck_pools();
-    WebSocketClient::instance().clear_context();
-    std::lock_guard<std::recursive_mutex> lock(work_mutex);
-    publish_stats();
+    done = stop_upload_pool(started + kPoolStopBound, last_reports);
+    if (!done) zel_log(LOG_ERR, "A callback holds the library; call disconnect again later\n");
   }
   // With no library lock held: a callback may call back in, even connect again.
   for (const ClipReport& r : last_reports) report_clip(r.clip, r.state, r.message);
-  return true;
+  return done;
 }
 
-bool Messaging::close_link() {
+bool Messaging::close_link(std::chrono::steady_clock::time_point deadline) {
   WebSocketClient& link = WebSocketClient::instance();
   bool closed = false;
   try {
     std::future<void> fut = link.full_disconnect();
-    closed = fut.wait_for(kDisconnectWait) == std::future_status::ready;
+    closed = fut.wait_until(deadline) == std::future_status::ready;
   } catch (const std::future_error&) {
-    // A retried disconnect after a time-out has no fresh future: watch the link instead.
-    auto deadline = std::chrono::steady_clock::now() + kDisconnectWait;
-    while (!(closed = !link.is_connected()) && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(kPassSleep);
+    // A retried disconnect after a time-out has no fresh future: wait on the link instead.
+    closed = link.wait_closed(deadline);
   }
   if (!closed) zel_log(LOG_ERR, "Disconnect future timeout reached.\n");
   return closed;
 }
 
+bool Messaging::stop_worker(std::chrono::steady_clock::time_point deadline) {
+  {
+    std::unique_lock<std::mutex> lock(wake_mutex);
+    running = false;
+    wake.notify_all();
+    if (!wake.wait_until(lock, deadline, [this] { return worker_exited; })) return false;
+  }
+  worker_thread->join();
+  worker_thread.reset();
+  return true;
+}
+
+bool Messaging::pause(std::chrono::milliseconds d) {
+  std::unique_lock<std::mutex> lock(wake_mutex);
+  return !wake.wait_for(lock, d, [this] { return !running; });
+}
+
+bool Messaging::lock_for_pass(std::unique_lock<std::recursive_timed_mutex>& lock) {
+  // A host thread's clip callback runs under work_mutex and may take its time: wait for
+  // the lock a pass at a time, and give up as soon as a stop is asked for.
+  while (!lock.try_lock_for(kPassSleep)) {
+    std::lock_guard<std::mutex> guard(wake_mutex);
+    if (!running) return false;
+  }
+  return true;
+}
+
 void Messaging::worker() {
   set_thread_role(ThreadRole::WORKER);
-  SetOnExit mark{worker_exited};
+  struct MarkExited {
+    Messaging& m;
+    ~MarkExited() {
+      std::lock_guard<std::mutex> lock(m.wake_mutex);
+      m.worker_exited = true;
+      m.wake.notify_all();
+    }
+  } mark{*this};
   WebSocketClient& link = WebSocketClient::instance();
-  while (running.test_and_set()) {
-    std::this_thread::sleep_for(kPassSleep);
+  while (pause(kPassSleep)) {
     if (!link.service_socket()) {
       zel_log(LOG_NOTICE, "service_socket failed, waiting to retry\n");
-      std::this_thread::sleep_for(kRetrySleep);
+      if (!pause(kRetrySleep)) break;
     }
-    if (!link.is_connected()) {
-      std::lock_guard<std::recursive_mutex> lock(work_mutex);
-      run_stage("publish_stats", [this] { publish_stats(); });
-      continue;
-    }
+    if (!link.is_connected()) continue;
     if (ratelimit(&ping_stamp, kPingPeriod)) run_stage("ping", [this] { ping(); });
 
-    std::lock_guard<std::recursive_mutex> lock(work_mutex);
+    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
+    if (!lock_for_pass(lock)) break;
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
     run_stage("process_access_event", [this] { process_access_event(); });
     run_stage("process_inbound", [this] { process_inbound(); });
     run_stage("manage_upload_threads", [this] { manage_upload_threads(); });
     run_stage("expire_clip", [this] { expire_clip(); });
-    run_stage("publish_stats", [this] { publish_stats(); });
+    update_counts();
   }
+}
+
+void Messaging::exit_handler() {
+  Messaging& m = get();
+  const auto started = std::chrono::steady_clock::now();
+  // A disconnect running on another thread owns the threads; the process ends under it.
+  std::unique_lock<std::mutex> connect_lock(m.connect_mutex, std::try_to_lock);
+  if (!connect_lock.owns_lock()) return;
+  const ThreadRole role = thread_role();
+  if (m.worker_thread) {
+    if (role != ThreadRole::WORKER) {
+      WebSocketClient& link = WebSocketClient::instance();
+      m.close_link(started + kExitCloseWait);
+      // A worker still inside a host callback is left behind, never joined.
+      if (m.stop_worker(started + kExitWorkerBound)) link.clear_context();
+    } else {
+      // exit() from a callback on the worker itself: its loop simply never resumes, and
+      // the kernel closes the socket.
+      std::lock_guard<std::mutex> lock(m.wake_mutex);
+      m.running = false;
+    }
+  }
+  // The pool stops without reports: nobody is left to hear them. A thread inside a host
+  // callback, or the one calling exit, is left as it is.
+  UploaderCluster* pool = m.uploaders ? m.uploaders.get() : m.stopping_pool.get();
+  if (pool != nullptr) pool->stop(started + kExitBound);
 }
 
 void Messaging::on_connect() {
@@ -221,22 +288,22 @@ void Messaging::on_disconnect() {
 }
 
 void Messaging::register_list_actions(std::function<MsgResponse(std::string)> cb) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   list_actions_cb = std::move(cb);
 }
 
 void Messaging::register_perform_action(std::function<MsgResponse(ActionInfo)> cb) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   perform_action_cb = std::move(cb);
 }
 
 void Messaging::register_ota_update(std::function<MsgResponse(UpdateInfo)> cb) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   ota_update_cb = std::move(cb);
 }
 
 void Messaging::register_cloud_status(std::function<void(CloudStatus)> cb) {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   cloud_status_cb = std::move(cb);
 }
 
@@ -246,7 +313,7 @@ void Messaging::cloud_status(CloudStatus s) {
 }
 
 void Messaging::reset_for_tests() {
-  std::lock_guard<std::recursive_mutex> lock(work_mutex);
+  std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   account_id = 0;
   missed_pongs = 0;
   ping_stamp = 0;
@@ -258,6 +325,7 @@ void Messaging::reset_for_tests() {
   clip_queue.clear();
   event_queue.clear();
   access_event_queue.clear();
+  update_counts();
   list_actions_cb = nullptr;
   perform_action_cb = nullptr;
   ota_update_cb = nullptr;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
@@ -58,7 +59,9 @@ class Messaging {
 
   // Statistics (messaging/). stats() never waits for the worker's pass.
   CloudStats stats();
-  void publish_stats();  // worker, with work_mutex held
+  // Stores the tables' sizes where stats() reads them without a lock; work_mutex held,
+  // after anything that changes a queue or a table.
+  void update_counts();
   void count_clip_state(int state);
   void count_upload_status(const UploadStatus& status);
 
@@ -104,10 +107,15 @@ class Messaging {
   void expire_clip();
   void start_upload_pool(const std::string& ca_path);
   // Ends every upload at once and joins the upload threads without holding work_mutex;
-  // returns the clip states still to report, for the caller to deliver unlocked. A pool
+  // adds the clip states still to report, for the caller to deliver unlocked. A pool
   // whose thread is still in a host callback at the deadline is kept in stuck_pools.
-  std::vector<ClipReport> stop_upload_pool(std::chrono::steady_clock::time_point deadline);
+  // False when a host callback held work_mutex past the deadline (the pool stays).
+  bool stop_upload_pool(std::chrono::steady_clock::time_point deadline,
+                        std::vector<ClipReport>& reports);
   void reap_stuck_pools();
+  // Registered with atexit at the first connect: a host that exits while connected, or
+  // from inside a callback, neither crashes nor hangs (see upload.h).
+  static void exit_handler();
 
   // Read by the request handlers.
   const std::string& get_version_json() const { return version_json; }
@@ -119,7 +127,7 @@ class Messaging {
   // Test seams: the state a test needs to observe or arrange.
   int32_t get_missed_pongs() const { return missed_pongs; }
   int32_t get_account_id() const { return account_id; }
-  std::recursive_mutex& get_work_mutex() { return work_mutex; }
+  std::recursive_timed_mutex& get_work_mutex() { return work_mutex; }
   std::map<std::string, PendingClip>& get_unacked_clips() { return unacked_clips; }
   std::map<std::string, PendingClip>& get_pending_clips() { return pending_clips; }
   std::map<std::string, CloudCredentials>& get_credentials() { return credentials; }
@@ -138,7 +146,18 @@ class Messaging {
   // True (after a log line) when the calling thread may not connect, disconnect or
   // resize the pool: it is a library thread, or inside a host callback.
   bool refuse_lifecycle_call(const char* verb) const;
-  bool close_link();
+  bool close_link(std::chrono::steady_clock::time_point deadline);
+  // Ends the worker's loop and joins it; false (the worker is in a host callback) at the
+  // deadline. Never called on the worker itself.
+  bool stop_worker(std::chrono::steady_clock::time_point deadline);
+  // Waits up to d, woken at once by a stop; false once the worker is to end.
+  bool pause(std::chrono::milliseconds d);
+  // Takes work_mutex for a pass; false when a stop comes first (a host callback may hold
+  // the lock for as long as it likes).
+  bool lock_for_pass(std::unique_lock<std::recursive_timed_mutex>& lock);
+  // Puts a resubmitted clip in place of its earlier submission; false when the clip is
+  // uploading and the new submission was refused. work_mutex held.
+  bool replace_earlier_submission(const ClipInfo& clip);
   // Moves clips through the tables by their upload states; the reports come back in order.
   std::vector<ClipReport> apply_upload_statuses(const std::vector<UploadStatus>& statuses);
   void apply_identity(const CloudConnect& cc);
@@ -151,7 +170,6 @@ class Messaging {
   uint32_t ping_stamp = 0;
   // The pool size and the pending limit; what the host set survives a reconnection.
   uint32_t upload_threads = 1;
-  std::atomic_flag running = ATOMIC_FLAG_INIT;
   std::string version = "22.1.0";
   std::string version_json;
   std::string camera_template;
@@ -167,16 +185,30 @@ class Messaging {
   std::deque<std::pair<ClipInfo, UploadOpts>> clip_queue;
   std::deque<EventInfo> event_queue;
   std::deque<AccessEventInfo> access_event_queue;
-  std::recursive_mutex work_mutex;
+  // Timed, so that a stop can give up on a host callback that never lets go of it.
+  std::recursive_timed_mutex work_mutex;
   // Guards published_stats alone: held for a copy or a count, never while calling out.
   std::mutex stats_mutex;
-  CloudStats published_stats;
+  CloudStats published_stats;  // the totals and times; the queue counts are below
+  struct QueueCounts {
+    std::atomic<int64_t> motion_events{0}, access_events{0}, clips_queued{0},
+        clips_waiting_credentials{0}, clips_uploading{0}, clips_awaiting_confirmation{0},
+        credentials_held{0}, upload_threads{0};
+  } counts;
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;
+  // A pool taken out by a disconnect that gave up before its clips were reported; the
+  // next disconnect finishes it (connect_mutex).
+  std::unique_ptr<UploaderCluster, UploaderClusterDeleter> stopping_pool;
   // Pools stopped while a thread was inside a host callback, joined later (connect_mutex).
   std::vector<std::unique_ptr<UploaderCluster, UploaderClusterDeleter>> stuck_pools;
-  std::atomic<bool> worker_exited{false};
+  // Guards running and worker_exited; wake tells the worker to stop sleeping and the
+  // stopper that the worker has ended.
+  std::mutex wake_mutex;
+  std::condition_variable wake;
+  bool running = false;
+  bool worker_exited = true;
   std::function<void()> on_connect_cb;
   std::function<void()> on_disconnect_cb;
   std::function<MsgResponse(std::string)> list_actions_cb;

@@ -1,6 +1,6 @@
-// The status snapshot: the worker publishes its tables' counts at the end of every pass,
-// the stages count what happens as it happens, and the host copies the result under a
-// lock of its own, so asking never waits for a pass that a host callback may be holding.
+// The status snapshot: whoever changes a queue or a table stores its size in an atomic
+// count, the stages count what happens as it happens under a lock of its own, and the host
+// reads both, so asking never waits for a pass that a host callback may be holding.
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
@@ -9,32 +9,39 @@
 namespace zel {
 
 CloudStats Messaging::stats() {
-  std::lock_guard<std::mutex> lock(stats_mutex);
-  return published_stats;
+  CloudStats s;
+  {
+    std::lock_guard<std::mutex> lock(stats_mutex);
+    s = published_stats;
+  }
+  WebSocketClient& link = WebSocketClient::instance();
+  s.outbound_queued = static_cast<int64_t>(link.outbound_size());
+  s.inbound_queued = static_cast<int64_t>(link.inbound_size());
+  s.motion_events_queued = counts.motion_events;
+  s.access_events_queued = counts.access_events;
+  s.clips_queued = counts.clips_queued;
+  s.clips_waiting_credentials = counts.clips_waiting_credentials;
+  s.clips_uploading = counts.clips_uploading;
+  s.clips_awaiting_confirmation = counts.clips_awaiting_confirmation;
+  s.credentials_held = counts.credentials_held;
+  s.upload_threads = counts.upload_threads;
+  return s;
 }
 
-void Messaging::publish_stats() {
-  WebSocketClient& link = WebSocketClient::instance();
-  const auto outbound = static_cast<int64_t>(link.outbound_size());
-  const auto inbound = static_cast<int64_t>(link.inbound_size());
+void Messaging::update_counts() {
   int64_t waiting = 0;
   int64_t uploading = 0;
   for (const auto& entry : pending_clips) ++(entry.second.in_flight ? uploading : waiting);
   int64_t awaiting = 0;
   for (const auto& entry : unacked_clips) awaiting += entry.second.in_flight ? 1 : 0;
-
-  std::lock_guard<std::mutex> lock(stats_mutex);
-  CloudStats& s = published_stats;
-  s.outbound_queued = outbound;
-  s.inbound_queued = inbound;
-  s.motion_events_queued = static_cast<int64_t>(event_queue.size());
-  s.access_events_queued = static_cast<int64_t>(access_event_queue.size());
-  s.clips_queued = static_cast<int64_t>(clip_queue.size());
-  s.clips_waiting_credentials = waiting;
-  s.clips_uploading = uploading;
-  s.clips_awaiting_confirmation = awaiting;
-  s.credentials_held = static_cast<int64_t>(credentials.size());
-  s.upload_threads = uploaders ? uploaders->size() : 0;
+  counts.motion_events = static_cast<int64_t>(event_queue.size());
+  counts.access_events = static_cast<int64_t>(access_event_queue.size());
+  counts.clips_queued = static_cast<int64_t>(clip_queue.size());
+  counts.clips_waiting_credentials = waiting;
+  counts.clips_uploading = uploading;
+  counts.clips_awaiting_confirmation = awaiting;
+  counts.credentials_held = static_cast<int64_t>(credentials.size());
+  counts.upload_threads = uploaders ? uploaders->size() : 0;
 }
 
 void Messaging::count_clip_state(int state) {

@@ -38,8 +38,9 @@ size_t RateLimiter::take(size_t want) {
 }
 
 RateLimiter& upload_rate_limiter() {
-  static RateLimiter limiter;
-  return limiter;
+  // Never destroyed: an upload thread may still be sending while the process exits.
+  static RateLimiter* limiter = new RateLimiter();
+  return *limiter;
 }
 
 }  // namespace zel

@@ -1,7 +1,9 @@
 #include "upload/uploader_cluster.h"
 
+#include <system_error>
 #include <thread>
 
+#include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "upload/uploader.h"
 #include "upload/uploader_thread.h"
@@ -68,7 +70,7 @@ std::vector<UploadStatus> UploaderCluster::get_statuses() {
   return taken;
 }
 
-void UploaderCluster::set_size(unsigned n) {
+unsigned UploaderCluster::set_size(unsigned n) {
   std::lock_guard<std::mutex> lock(pool_mutex);
   reap_retired();
   while (threads.size() > n) {
@@ -76,10 +78,13 @@ void UploaderCluster::set_size(unsigned n) {
     retired.push_back(std::move(threads.back()));
     threads.pop_back();
   }
-  while (threads.size() < n) {
-    threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+  try {
+    while (threads.size() < n) threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
+  } catch (const std::system_error& e) {
+    zel_log(LOG_ERR, "Could not start upload thread %zu: %s\n", threads.size() + 1, e.what());
   }
-  pool_size = n;
+  pool_size = static_cast<unsigned>(threads.size());
+  return pool_size;
 }
 
 void UploaderCluster::reap_retired() {
@@ -104,12 +109,23 @@ bool UploaderCluster::stop(std::chrono::steady_clock::time_point deadline) {
   }
   // Tell every thread first, then join: they wind down side by side.
   for (auto& t : ending) t->request_stop();
-  std::vector<std::shared_ptr<UploaderThread>> stuck;
-  for (auto& t : ending) {
-    while (!t->has_finished() && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (!t->has_finished()) stuck.push_back(std::move(t));
+  {
+    auto ended = [&ending] {
+      for (const auto& t : ending)
+        if (!t->has_finished() && !t->is_calling_thread()) return false;
+      return true;
+    };
+    std::unique_lock<std::mutex> lock(queue_mutex);
+    // Only the pool's own destructor waits without a deadline, and the library destroys
+    // a pool only once its threads have ended.
+    if (deadline == std::chrono::steady_clock::time_point::max())
+      thread_ended.wait(lock, ended);
+    else
+      thread_ended.wait_until(lock, deadline, ended);
   }
+  std::vector<std::shared_ptr<UploaderThread>> stuck;
+  for (auto& t : ending)
+    if (!t->has_finished()) stuck.push_back(std::move(t));
   ending.clear();  // joins the threads that have ended
   std::lock_guard<std::mutex> lock(pool_mutex);
   // Still inside a host callback: joined once it returns, by a later stop().

@@ -36,11 +36,13 @@ class UploaderCluster {
   std::vector<UploadStatus> get_statuses();
   // Grows or shrinks the pool to n threads and returns at once: a removed thread takes no
   // new work, finishes its upload in the background and is joined later.
-  // set_size(0) leaves queued work in the queue.
-  void set_size(unsigned n);
+  // set_size(0) leaves queued work in the queue. Returns the size reached: a system that
+  // cannot start another thread stops the growth there.
+  unsigned set_size(unsigned n);
   // Ends every upload in progress within about a second (each reports state 7 with
   // kUploadInterrupted) and joins every thread that has ended by the deadline; false when
-  // one is still inside a host callback (call again later). Not on an upload thread.
+  // one is still inside a host callback (call again later). Called on an upload thread
+  // (exit() from a progress function), it never waits for that thread.
   bool stop(std::chrono::steady_clock::time_point deadline =
                 std::chrono::steady_clock::time_point::max());
 
@@ -72,6 +74,7 @@ class UploaderCluster {
   std::mutex queue_mutex;  // guards queue, statuses and every thread's stop flag
   std::mutex pool_mutex;   // guards threads, retired and pool_size
   std::condition_variable work_ready;
+  std::condition_variable thread_ended;  // with queue_mutex: an upload thread has returned
 };
 
 // The key under which statuses and queued jobs are reported.

@@ -37,7 +37,15 @@ void UploaderThread::request_stop() {
 
 void UploaderThread::worker() {
   set_thread_role(ThreadRole::UPLOADER);
-  SetOnExit mark{finished};
+  // Marked under the pool's lock, so that a stop waiting for the threads cannot miss it.
+  struct MarkFinished {
+    UploaderThread& t;
+    ~MarkFinished() {
+      std::lock_guard<std::mutex> lock(t.cluster.queue_mutex);
+      t.finished = true;
+      t.cluster.thread_ended.notify_all();
+    }
+  } mark{*this};
   try {
     for (;;) {
       std::shared_ptr<UploadData> item;

@@ -25,6 +25,7 @@ class UploaderThread {
   void request_stop();
   // True once the thread function has returned, so joining it cannot wait.
   bool has_finished() const { return finished; }
+  bool is_calling_thread() const { return thread && thread->get_id() == std::this_thread::get_id(); }
 
  private:
   void worker();

@@ -56,7 +56,7 @@ TEST_F(Intake, ChecksComeInOrderWithTheirMessages) {
 TEST_F(Intake, PendingLimitAndCredentialsThatCameFirst) {
   std::string path = dir.file("p.mp4", "0123456789"), key = "0a1b2c3d4e5f" + std::to_string(kStart);
   Reports a, b;
-  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
   zel::ZelHandler::handleMessage(&m, "getStorageAccess", "{\"account\":\"acct\",\"token\":\"tok\",\"secret\":"
                                  "\"s\",\"start_at\":\"" + std::to_string(kStart) + "\",\"camera_mac\":\"0a1b2c3d4e5f\"}",
                                  nullptr);
@@ -72,7 +72,7 @@ TEST_F(Intake, PendingLimitAndCredentialsThatCameFirst) {
 
 TEST_F(Intake, ExpiryBoundaries) {
   LogCapture log;
-  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
   const int64_t now = zel::time_now();
   Reports waited_10, waited_11, late;
   auto entry = [&](zel::ClipCallback cb, int64_t age, bool uploaded, int confirm_timeout = 30) {
@@ -114,7 +114,7 @@ TEST_F(Intake, ExpiryBoundaries) {
 // ISO start) reaches the clip that was uploaded.
 TEST_F(Intake, ConfirmationAskedAgainAndAcknowledged) {
   Reports first, again;
-  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
   zel::ClipInfo c = clip(dir.file("c", "c"), kStart, first);
   c.camera_mac = "0a1b2c3d4e5f";
   m.get_unacked_clips()["0a1b2c3d4e5f2021-03-01T12:00:00Z"] = zel::PendingClip{c, {}, {}, "", 0, 4, false, 7};

@@ -28,7 +28,7 @@ class Dispatch : public ::testing::Test {
   void TearDown() override { zel::Messaging::get().reset_for_tests(); }
   static MsgResponse dispatch(const std::string& subject, const std::string& contents) {
     zel::Messaging& m = zel::Messaging::get();
-    std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+    std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
     return zel::ZelHandler::handleMessage(&m, subject, contents, nullptr);
   }
   TempDir dir;

@@ -214,7 +214,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string contents = fdp.ConsumeRemainingBytesAsString();
 
   zel::Messaging& m = zel_fuzz::start_clean_input();
-  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
   m.ping();  // no link, so nothing is sent; "pong" has one missed pong to clear
   if (subject == "issueCertificate") {
     write_text(zel_fuzz::cert_path(), "old cert");

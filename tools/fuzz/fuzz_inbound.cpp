@@ -118,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   link.inject_inbound(text);
   {
-    std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+    std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
     m.process_inbound();
   }
   FUZZ_CHECK(!link.inbound_message_ready(), "the inbound text was not consumed");

@@ -180,7 +180,7 @@ inline std::string unacked_clip_key() { return std::string(kCameraMac) + kClipSt
 // "getStorageAccess" and "transactionAck" can match something), and no missed pong.
 inline zel::Messaging& start_clean_input() {
   zel::Messaging& m = zel::Messaging::get();
-  std::lock_guard<std::recursive_mutex> lock(m.get_work_mutex());
+  std::lock_guard<std::recursive_timed_mutex> lock(m.get_work_mutex());
   m.reset_for_tests();
   m.prepare_for_tests(identity());
   host() = HostLog();
