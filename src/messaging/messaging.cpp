@@ -199,16 +199,6 @@ bool Messaging::pause(std::chrono::milliseconds d) {
   return !wake.wait_for(lock, d, [this] { return !running; });
 }
 
-bool Messaging::lock_for_pass(std::unique_lock<std::recursive_timed_mutex>& lock) {
-  // A host thread's clip callback runs under work_mutex and may take its time: wait for
-  // the lock a pass at a time, and give up as soon as a stop is asked for.
-  while (!lock.try_lock_for(kPassSleep)) {
-    std::lock_guard<std::mutex> guard(wake_mutex);
-    if (!running) return false;
-  }
-  return true;
-}
-
 void Messaging::worker() {
   set_thread_role(ThreadRole::WORKER);
   struct MarkExited {
@@ -228,8 +218,10 @@ void Messaging::worker() {
     if (!link.is_connected()) continue;
     if (ratelimit(&ping_stamp, kPingPeriod)) run_stage("ping", [this] { ping(); });
 
+    // A host callback on another thread may hold work_mutex as long as it likes: the link
+    // is tended meanwhile, and a stop still ends the loop.
     std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
-    if (!lock_for_pass(lock)) break;
+    if (!lock.try_lock_for(kPassSleep)) continue;
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
     run_stage("process_access_event", [this] { process_access_event(); });

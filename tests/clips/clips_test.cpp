@@ -195,7 +195,6 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"storage_token\":\"" + storage_token("rl") + "\"}"));
   zel::Upload::upload_clip(clip(dir.file("b.mp4", std::string(4096, 'b')), kStart + 100, failed));
   ASSERT_TRUE(failed.wait(zel::CLIP_FAILED));
-  std::this_thread::sleep_for(200ms);  // a pass publishes the tables
   zel::CloudStats s = zel::Upload::stats();
   EXPECT_EQ((std::vector<int64_t>{s.link_up, s.connections, s.last_disconnected_at, s.clips_uploaded, s.clips_confirmed,
                                   s.clips_failed, s.bytes_uploaded, s.credentials_held, s.upload_threads}),
@@ -203,6 +202,12 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_EQ(s.clips_queued + s.clips_waiting_credentials + s.clips_uploading + s.clips_awaiting_confirmation, 0);
   EXPECT_EQ(s.last_upload_error, failed.message(zel::CLIP_FAILED));
   EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
+  ASSERT_TRUE(eventually([] { return !zel::Upload::stats().link_up; }));
+  Reports queued, requeued;  // while the link is down: counted at once, and replaced
+  for (Reports* r : {&queued, &requeued}) zel::Upload::upload_clip(clip(dir.file("d.mp4", "d"), kStart + 200, *r));
+  for (int i = 0; i < 5; ++i) zel::Upload::upload_event(zel::EventInfo{1, "0a1b2c3d4e5f", kStart, kStart + 1, ""});
+  EXPECT_EQ(queued.states(), (States{0, 7}));
+  EXPECT_EQ(zel::Upload::stats().motion_events_queued * 10 + zel::Upload::stats().clips_queued, 51);
   zel::advance_clock(5);  // the next attempt is due
   ASSERT_TRUE(cloud.sent("version", 1, 10s));
   ASSERT_TRUE(eventually([] { return zel::Upload::stats().connections == 2; }));

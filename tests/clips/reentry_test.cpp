@@ -2,6 +2,8 @@
 // refused at once, and disconnect stays bounded (a hang trips the watchdog).
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <future>
 
 #include "foundation/time_utils.h"
@@ -29,9 +31,9 @@ class Reentry : public ::testing::Test {
     EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, nullptr, {}));
     EXPECT_TRUE(cloud.sent("version", connects++, 10s));
   }
-  void disconnect_within_bound() {  // still blocked after 40 s: the watchdog ends the process
-    auto done = std::async(std::launch::async, [t0 = std::chrono::steady_clock::now()] {
-      EXPECT_TRUE(Upload::disconnect());
+  void disconnect_within_bound(bool expected = true) {  // still blocked after 40 s: the watchdog ends the process
+    auto done = std::async(std::launch::async, [=, t0 = std::chrono::steady_clock::now()] {
+      EXPECT_EQ(Upload::disconnect(), expected);
       EXPECT_LT(std::chrono::steady_clock::now() - t0, 32s);
     });
     if (done.wait_for(40s) != std::future_status::ready) std::fprintf(stderr, "watchdog\n"), std::_Exit(1);
@@ -110,6 +112,80 @@ TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 1s);
   disconnect_within_bound();
   for (auto& one : r) EXPECT_EQ(one.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
+}
+
+// A callback on a host thread that holds the library past the bound: disconnect gives up in
+// time, and the next one finishes the job.
+TEST_F(Reentry, DisconnectKeepsItsBoundWhileAHostCallbackHoldsTheLibrary) {
+  connect();
+  std::promise<void> entered, release;
+  Reports r;
+  zel::ClipInfo c = clip(1614600000, r);
+  c.callback = [&, held = release.get_future().share()](int state, const zel::ClipInfo&, std::string) {
+    if (state == zel::CLIP_QUEUED) entered.set_value(), held.wait();
+  };
+  std::thread host([&] { Upload::upload_clip(c, no_limit); });
+  entered.get_future().wait();
+  disconnect_within_bound(false);
+  release.set_value();
+  host.join();
+  disconnect_within_bound();
+}
+
+// Every submission ends: a second one replaces a queued or waiting first, and is refused
+// while the first uploads; the pool never drops to no thread, nor grows without limit.
+TEST_F(Reentry, ResubmissionsAndPoolSizesLeaveNoClipBehind) {
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":false}"));
+  connect();
+  Upload::set_upload_threads(0);
+  EXPECT_TRUE(log.wait("1|Can't set 0 upload threads while connected; disconnect empties the pool\n"));
+  Upload::set_upload_threads(1000);
+  EXPECT_TRUE(log.wait("2|Upload threads capped at 64 (asked for 1000)\n"));
+  EXPECT_EQ(Upload::stats().upload_threads, 64);
+  Reports first, second, running, again;
+  Upload::upload_clip(clip(1614600000, first), no_limit);
+  ASSERT_TRUE(first.wait(zel::CLIP_WAITING_CREDENTIALS, 10s));
+  Upload::upload_clip(clip(1614600000, second), no_limit);
+  EXPECT_EQ(first.states(), (States{0, 2, 7}));
+  EXPECT_EQ(first.message(7), "Replaced by a newer submission of the same clip");
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":true}"));
+  Upload::upload_clip(clip(1614600100, running), no_limit);
+  ASSERT_TRUE(running.wait(zel::CLIP_UPLOADING, 10s));
+  Upload::upload_clip(clip(1614600100, again), no_limit);
+  EXPECT_EQ(again.states(), States{1});
+  EXPECT_EQ(again.message(1), "Clip is already uploading");
+  disconnect_within_bound();
+  EXPECT_EQ(running.states().back(), zel::CLIP_FAILED);
+}
+
+// A host that exits while connected, from any thread, in or out of a callback: status 0
+// within the alarm, never an abort or a hang.
+TEST_F(Reentry, ExitWhileConnectedNeitherCrashesNorHangs) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto stuck = [](auto...) -> int { for (;;) pause(); };
+  auto upload_with = [this](zel::UploadProgressCallback progress) {
+    Reports r;
+    zel::UploadOpts opts = no_limit;
+    opts.upload_callback = progress;
+    Upload::upload_clip(clip(1614600000, r), opts);
+    EXPECT_TRUE(r.wait(zel::CLIP_UPLOADING, 10s));
+  };
+  const std::vector<std::function<void()>> ways = {
+      [] { std::exit(0); },
+      [this] {  // from the update callback, on the worker
+        Upload::register_ota_update([](zel::UpdateInfo) -> zel::MsgResponse { std::exit(0); });
+        cloud.request("update", "{\"url\":\"u\",\"hash\":\"h\"}", "u-1");
+      },
+      [&] { upload_with([](auto...) -> int { std::exit(0); }); },  // from a progress function
+      [&] {  // while the worker and an upload thread are stuck in host callbacks
+        upload_with(stuck);
+        std::atomic<bool> acting{false};
+        Upload::register_perform_action([&](zel::ActionInfo) -> zel::MsgResponse { acting = true, stuck(); return {}; });
+        cloud.request("action", "{\"device\":\"d\",\"action\":\"a\",\"value\":1}", "a-1");
+        if (eventually([&] { return acting.load(); })) std::exit(0);
+      }};
+  for (const auto& way : ways)
+    EXPECT_EXIT((connect(), alarm(5), way(), sleep(10), std::_Exit(3)), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
