@@ -8,7 +8,9 @@ namespace zel {
 
 struct OutboundType {
   std::string message;  // "" asks the link to close (sorts first)
-  int32_t attempts = 0;
+  // Connections on which writing this frame failed. Not part of the order, so it may
+  // change while the frame sits in the set.
+  mutable int32_t attempts = 0;
 
   // Ordered by text alone: identical texts collapse, and frames leave in text order.
   bool operator<(const OutboundType& other) const { return message < other.message; }

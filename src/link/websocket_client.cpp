@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
@@ -19,6 +20,8 @@ constexpr int kMaxReadRounds = 256;  // bounds one pass at 256 more service call
 constexpr int kCloseDisconnecting = 4003;
 constexpr int kCloseWriteFailed = 4404;
 constexpr int kCloseRequested = 4429;
+// A frame that could not be written on this many connections will not go out on the next.
+constexpr int32_t kMaxWriteAttempts = 3;
 
 lws_protocols protocols[] = {
     {"", WebSocketClient::callback, 0, WebSocketClient::kMaxPayload, 0, nullptr, 0},
@@ -76,6 +79,11 @@ bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> o
   disconnect_signalled = false;
   disconnect_promise = std::promise<void>();
   outbound.clear();
+  // Requests that came in on a link that died belong to it: answering them now would act
+  // on an order the server no longer waits for.
+  if (!inbound.empty())
+    zel_log(LOG_WARN, "Dropped %zu requests left from the last connection\n", inbound.size());
+  inbound.clear();
   count_queues_locked();
   on_connect = std::move(on_connect_fn);
   on_disconnect = std::move(on_disconnect_fn);
@@ -236,6 +244,7 @@ void WebSocketClient::set_connected(bool c) {
     return;
   }
   if (was_connected) call_guarded(on_disconnect, "Disconnect");
+  forget_connection();
   std::lock_guard<std::mutex> lock(mutex);
   link_down.notify_all();
   if (disconnect_signalled) return;
@@ -301,13 +310,46 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*use
   }
 }
 
+void WebSocketClient::forget_connection() {
+  // A half-received message never completes on another connection.
+  partial.clear();
+  partial_dropped = false;
+  std::lock_guard<std::mutex> lock(mutex);
+  // A close asked of this connection must not close the next one.
+  outbound.erase(OutboundType{std::string(), 0});
+  count_queues_locked();
+}
+
 void WebSocketClient::on_received(lws* w, const void* in, size_t len) {
-  // Earlier pieces of a message that arrives in fragments are not kept: with a 1 MiB
-  // receive buffer a message normally arrives whole, and the last piece is what counts.
-  if (!lws_is_final_fragment(w)) return;
-  std::string text(static_cast<const char*>(in), len);
+  // Any intermediary may cut a message into fragments (and lws hands a large frame over
+  // in pieces): a message is the sum of its pieces, up to the frame limit.
+  if (!partial_dropped) {
+    if (partial.size() + len > kMaxPayload) {
+      zel_log(LOG_WARN, "Inbound message past %zu bytes dropped\n", kMaxPayload);
+      partial_dropped = true;
+      partial.clear();
+      partial.shrink_to_fit();
+    } else {
+      partial.append(static_cast<const char*>(in), len);
+    }
+  }
+  if (!lws_is_final_fragment(w) || lws_remaining_packet_payload(w) > 0) return;
+  const bool dropped = std::exchange(partial_dropped, false);
+  std::string text = std::move(partial);
+  partial.clear();
+  if (dropped) return;
   std::lock_guard<std::mutex> lock(mutex);
   inbound.emplace_back(std::move(text));
+  count_queues_locked();
+}
+
+void WebSocketClient::count_failed_write_locked(const OutboundType& msg) {
+  auto it = outbound.find(msg);
+  if (it == outbound.end()) return;
+  if (++it->attempts < kMaxWriteAttempts) return;
+  zel_log(LOG_ERR, "Frame of %zu bytes dropped: writing it failed on %d connections\n",
+          it->message.size(), kMaxWriteAttempts);
+  outbound.erase(it);
   count_queues_locked();
 }
 
@@ -325,7 +367,6 @@ int WebSocketClient::on_writeable(lws* w) {
     if (!keep_connected) return close_with(w, kCloseDisconnecting);
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
-    msg.attempts += 1;
     if (msg.message.empty() || msg.message.size() > kMaxPayload) {
       outbound.erase(outbound.begin());
       count_queues_locked();
@@ -350,8 +391,11 @@ int WebSocketClient::on_writeable(lws* w) {
   }
   if (written < 0) zel_log(LOG_ERR, "ERROR %d writing to socket, hanging up\n", written);
   zel_log(LOG_ERR, "Partial write\n");
-  // The message stays queued for the next connection unless it has failed repeatedly.
-  if (msg.attempts > 3) outbound_remove_message(msg);
+  {
+    // The message stays queued for the next connection unless it has failed repeatedly.
+    std::lock_guard<std::mutex> lock(mutex);
+    count_failed_write_locked(msg);
+  }
   return close_with(w, kCloseWriteFailed);
 }
 

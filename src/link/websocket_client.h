@@ -75,6 +75,10 @@ class WebSocketClient {
 
   void service_once();
   void count_queues_locked();  // mutex held, after outbound or inbound changed
+  // A connection has ended: what belonged to it alone goes with it.
+  void forget_connection();
+  // The write of the first queued frame failed on this connection; mutex held.
+  void count_failed_write_locked(const OutboundType& msg);
 
   lws* wsi = nullptr;
   ProxyTunnel tunnel;  // worker thread only
@@ -104,6 +108,10 @@ class WebSocketClient {
   std::set<OutboundType> outbound;
   std::deque<std::string> inbound;
   std::vector<unsigned char> write_buffer;
+  // The fragments of the message being received, and whether it has passed the frame
+  // limit (then the rest of it is dropped). Worker thread only.
+  std::string partial;
+  bool partial_dropped = false;
 
   std::atomic<size_t> outbound_count{0};
   std::atomic<size_t> inbound_count{0};

@@ -5,6 +5,7 @@
 
 #include "foundation/json_ptr.h"
 #include "foundation/log.h"
+#include "foundation/redact.h"
 #include "handlers/zel_handler.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
@@ -38,7 +39,8 @@ void Messaging::process_inbound() {
     std::string text = link.get_inbound_message();
     JsonPtr root(cJSON_Parse(text.c_str()));
     if (!root) {
-      zel_log(LOG_WARN, "Error parsing received message: '%s'\n", text.c_str());
+      // Never the text itself: a request cut short may hold credentials.
+      zel_log(LOG_WARN, "Error parsing received message: '%s'\n", describe_inbound(text).c_str());
       continue;
     }
     const cJSON* content_item = cJSON_GetObjectItemCaseSensitive(root.get(), "content");
@@ -51,7 +53,7 @@ void Messaging::process_inbound() {
     }
     if (!cJSON_IsString(subject_item) || subject_item->valuestring == nullptr) {
       zel_log(LOG_ERR, "Error: inbound message subject is not a string, dropped: '%s'\n",
-              text.c_str());
+              describe_inbound(text).c_str());
       continue;
     }
     std::string subject = subject_item->valuestring;

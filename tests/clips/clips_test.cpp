@@ -214,7 +214,8 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
 }
 
-// The host's own log: every line without its newline, none with a secret, libcurl's too.
+// The host's own log: every line without its newline, libcurl's too, and no secret in any
+// line, whatever the server sends: credentials in fragments, cut short, under a bad subject.
 TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
   setenv("ZEL_DEBUG", "1", 1);
   std::mutex mu;
@@ -223,20 +224,43 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
     std::lock_guard<std::mutex> lock(mu);
     lines.push_back(std::to_string(level) + "|" + line);
   });
+  auto quoted = [](const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
+    return out + "\"";
+  };
+  const std::string grant = "\"token\":\"" + token + "\",\"secret\":\"clip-secret-1\"";
   {
+    EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":false}"));
     Device device(cloud, cc);
     zel::Upload::send_camera_setting("0A1B2C3D4E5F", "big", "\"" + std::string(1 << 20, 'x') + "\"");
+    zel::Upload::send_camera_setting("0A1B2C3D4E5F", "bad", "{\"password\":\"pw-secret\"");
     Reports r;
     zel::Upload::upload_clip(clip(dir.file("c.mp4", "c"), kStart, r));
-    ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED));
+    ASSERT_TRUE(cloud.sent("storage_access_request"));
+    // Cut in the middle of the token and of the secret, as an intermediary may.
+    const std::string access = "{\"id\":\"g1\",\"from\":\"zel-cloud\",\"subject\":\"getStorageAccess\",\"content\":{"
+                               "\"account\":\"devstoreaccount1\"," + grant + ",\"start_at\":\"1614600000\","
+                               "\"camera_mac\":\"0a1b2c3d4e5f\"}}";
+    const size_t cut1 = access.find("sig=") + 6, cut2 = access.find("clip-secret") + 5;
+    EXPECT_TRUE(cloud.ok("{\"cmd\":\"send_fragments\",\"parts\":[" + quoted(access.substr(0, cut1)) + "," +
+                         quoted(access.substr(cut1, cut2 - cut1)) + "," + quoted(access.substr(cut2)) + "]}"));
+    ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED)) << r.message(zel::CLIP_FAILED);
     EXPECT_EQ(r.message(5).find("sig="), std::string::npos);
+    for (const std::string& text : {access.substr(cut1), "{\"subject\":5,\"content\":{" + grant + "}}",
+                                    envelope("d", "issueCertificate", "{\"contents\":{\"key\":\"SECRETKEY\",\"cert\":\"C\"}}"),
+                                    envelope("d", "odd\\\"", "{" + grant + "}")})
+      EXPECT_TRUE(cloud.ok("{\"cmd\":\"send\",\"text\":" + quoted(text) + "}"));
+    cloud.request("status", "", "sync");
+    EXPECT_TRUE(cloud.reply("sync"));
   }
   unsetenv("ZEL_DEBUG");
   zel::Upload::register_log(nullptr);
   std::lock_guard<std::mutex> lock(mu);
   for (const std::string& l : lines) {
-    EXPECT_EQ(l.find(token.substr(token.find("sig="))), std::string::npos) << l;
-    EXPECT_EQ(l.find("clip-secret-1"), std::string::npos) << l;
+    for (const std::string& secret : {token.substr(token.find("sig=") + 4), std::string("clip-secret-1"),
+                                      std::string("SECRETKEY"), std::string("pw-secret")})
+      EXPECT_EQ(l.find(secret), std::string::npos) << l;
     EXPECT_NE(l.back(), '\n');
   }
   auto has = [&](const std::string& head, const std::string& part) {
@@ -246,6 +270,10 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
   EXPECT_TRUE(has("4|> PUT /", "")) << "libcurl's verbose lines were expected";
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "4|Attempting to connect to messaging server..."), 1);
   EXPECT_TRUE(has("2|Payload(", ") bigger than buffer(1048576), skipping"));
+  EXPECT_TRUE(has("2|Error parsing received message: '<", " bytes>'"));
+  EXPECT_TRUE(has("1|Error: inbound message subject is not a string, dropped: '<", " bytes>'"));
+  EXPECT_TRUE(has("1|Could not parse details: \n{\"from\":\"zel-upload-lib\",\"error\":\"Not supported subject: odd\"\"", ""));
+  EXPECT_TRUE(has("2|Error parsing stringified_value: '{\"password\":\"***\"'", ""));
 }
 
 }  // namespace

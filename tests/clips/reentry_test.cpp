@@ -114,22 +114,35 @@ TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   for (auto& one : r) EXPECT_EQ(one.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
 }
 
-// A callback on a host thread that holds the library past the bound: disconnect gives up in
-// time, and the next one finishes the job.
-TEST_F(Reentry, DisconnectKeepsItsBoundWhileAHostCallbackHoldsTheLibrary) {
-  connect();
-  std::promise<void> entered, release;
-  Reports r;
-  zel::ClipInfo c = clip(1614600000, r);
-  c.callback = [&, held = release.get_future().share()](int state, const zel::ClipInfo&, std::string) {
-    if (state == zel::CLIP_QUEUED) entered.set_value(), held.wait();
+// While disconnect waits for an upload thread stuck in its progress function, a callback on
+// a host thread takes the library and keeps it: disconnect gives up within its bound, and
+// the next one finishes the job.
+TEST_F(Reentry, DisconnectKeepsItsBoundWhileHostCallbacksHoldOn) {
+  std::promise<void> link_down, release, stuck;
+  auto held = release.get_future().share();
+  EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, [&] { link_down.set_value(); }, {}));
+  ASSERT_TRUE(cloud.sent("version", connects++, 10s));
+  Reports uploading, queued;
+  zel::UploadOpts opts = no_limit;
+  opts.upload_callback = [&, once = std::make_shared<std::once_flag>()](auto...) {
+    std::call_once(*once, [&] { stuck.set_value(), held.wait(); });
+    return 0;
   };
-  std::thread host([&] { Upload::upload_clip(c, no_limit); });
-  entered.get_future().wait();
+  Upload::upload_clip(clip(1614600000, uploading), opts);
+  stuck.get_future().wait();
+  zel::ClipInfo c = clip(1614600100, queued);  // one thread: this one waits in the queue
+  c.callback = [held](int state, const zel::ClipInfo&, std::string) { state == zel::CLIP_FAILED ? held.wait() : void(); };
+  Upload::upload_clip(c, no_limit);
+  std::thread host([&] {
+    link_down.get_future().wait();
+    std::this_thread::sleep_for(1s);  // the worker has ended, the pool is stopping
+    Upload::clear_queued_clips();
+  });
   disconnect_within_bound(false);
   release.set_value();
   host.join();
   disconnect_within_bound();
+  EXPECT_EQ(uploading.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
 }
 
 // Every submission ends: a second one replaces a queued or waiting first, and is refused

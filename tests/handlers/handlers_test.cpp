@@ -90,19 +90,41 @@ TEST_F(Dispatch, HostCallbacksGetTheFields) {
   EXPECT_EQ(zel::Messaging::get().get_account_id(), 42);
 }
 
-// A new client certificate and key replace the files whole, each with its permissions.
-TEST_F(Dispatch, IssuedCertificateReplacesTheFiles) {
+// The certificate and key are replaced whole and as a pair, or not at all; a certificate
+// alone replaces only itself. Nothing is left beside them.
+TEST_F(Dispatch, IssuedCertificateAndKeyAreReplacedAsAPair) {
   mode_t old_umask = umask(022);
   auto mode = [](const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0777) : -1;
   };
+  auto member = [](const char* name, const std::string& text) {
+    std::string out = std::string("\"") + name + "\":\"";
+    for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
+    return out + "\"";
+  };
+  const std::string c = read_file(cert("client.pem")), k = read_file(cert("client.key")), other = read_file(cert("server.key"));
+  const std::string failed = "{\"error\": \"Could not write certificate\"}";
   dir.file("client.pem", "old certificate");
   dir.file("client.key", "old key");
-  EXPECT_EQ(dispatch("issueCertificate", "{\"contents\":{\"cert\":\"C1\\n\",\"key\":\"K\\u00e9\"}}").content, "\"OK\"");
-  EXPECT_EQ(read_file(cc.cert_path) + read_file(cc.key_path), "C1\nK\xc3\xa9");
-  EXPECT_EQ(mode(cc.cert_path), 0644);
+  struct Row {
+    std::string members, reply, cert_file, key_file, cert_path;
+  } rows[] = {
+      {member("cert", c) + "," + member("key", other), failed, "old certificate", "old key"},
+      {member("cert", c) + "," + member("key", k), failed, "old certificate", "old key", dir.path + "/missing/client.pem"},
+      {member("cert", c) + "," + member("key", k), "\"OK\"", c, k},
+      {member("cert", "C2"), "\"OK\"", "C2", k},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.members.substr(0, 40) + row.cert_path);
+    cc.cert_path = row.cert_path.empty() ? dir.path + "/client.pem" : row.cert_path;
+    zel::Messaging::get().prepare_for_tests(cc);
+    EXPECT_EQ(dispatch("issueCertificate", "{\"contents\":{" + row.members + "}}").content, row.reply);
+    EXPECT_EQ(read_file(dir.path + "/client.pem") + read_file(cc.key_path), row.cert_file + row.key_file);
+  }
+  EXPECT_EQ(mode(dir.path + "/client.pem"), 0644);
   EXPECT_EQ(mode(cc.key_path), 0600);
+  EXPECT_EQ(std::system(("test $(ls -A " + dir.path + " | wc -l) = 2").c_str()), 0);
   umask(old_umask);
 }
 
