@@ -58,6 +58,12 @@ class Messaging {
 
   // Statistics (messaging/). stats() never waits for the worker's pass.
   CloudStats stats();
+  // True from connect until disconnect has finished (or while either runs): settings
+  // read at connect must not change then.
+  bool started() {
+    std::unique_lock<std::mutex> lock(connect_mutex, std::try_to_lock);
+    return !lock.owns_lock() || worker_thread != nullptr;
+  }
   void publish_stats();  // worker, with work_mutex held
   void count_clip_state(int state);
   void count_upload_status(const UploadStatus& status);

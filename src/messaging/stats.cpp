@@ -2,6 +2,7 @@
 // the stages count what happens as it happens, and the host copies the result under a
 // lock of its own, so asking never waits for a pass that a host callback may be holding.
 #include "foundation/time_utils.h"
+#include "foundation/tls_policy.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "upload/uploader_cluster.h"
@@ -10,7 +11,9 @@ namespace zel {
 
 CloudStats Messaging::stats() {
   std::lock_guard<std::mutex> lock(stats_mutex);
-  return published_stats;
+  CloudStats s = published_stats;
+  s.clock_unset = clock_unset();
+  return s;
 }
 
 void Messaging::publish_stats() {
