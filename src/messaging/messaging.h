@@ -58,11 +58,14 @@ class Messaging {
 
   // Statistics (messaging/). stats() never waits for the worker's pass.
   CloudStats stats();
-  // True from connect until disconnect has finished (or while either runs): settings
-  // read at connect must not change then.
-  bool started() {
+  // Runs change only while the library is neither connected nor connecting or
+  // disconnecting, holding connect_mutex so that what connect reads cannot change under it;
+  // false without running it otherwise.
+  bool when_stopped(const std::function<void()>& change) {
     std::unique_lock<std::mutex> lock(connect_mutex, std::try_to_lock);
-    return !lock.owns_lock() || worker_thread != nullptr;
+    if (!lock.owns_lock() || worker_thread != nullptr) return false;
+    change();
+    return true;
   }
   void publish_stats();  // worker, with work_mutex held
   void count_clip_state(int state);

@@ -128,11 +128,10 @@ bool Upload::set_proxy(const std::string& proxy_uri) {
 
 bool Upload::set_tls_policy(const TlsPolicy& policy) {
   if (in_log_callback()) return false;
-  if (Messaging::get().started()) {
-    zel_log(LOG_ERR, "TLS policy not changed: set it before connect\n");
-    return false;
-  }
-  return store_tls_policy(policy);
+  bool stored = false;
+  if (Messaging::get().when_stopped([&] { stored = store_tls_policy(policy); })) return stored;
+  zel_log(LOG_ERR, "TLS policy not changed: set it before connect\n");
+  return false;
 }
 
 }  // namespace zel
