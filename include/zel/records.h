@@ -116,6 +116,15 @@ struct TransactionAck {
   std::string start_at;
 };
 
+// How strictly the link and the uploads check the servers they reach (Upload::set_tls_policy).
+// Pins are the bare base64 of the SHA-256 of a certificate's SubjectPublicKeyInfo. The
+// defaults check the chain against ca_path and nothing more.
+struct TlsPolicy {
+  bool verify_host_name = false;  // the link's server certificate names the host of server_uri
+  std::vector<std::string> pinned_sha256;          // the link: a key of the verified chain
+  std::vector<std::string> storage_pinned_sha256;  // the uploads: the blob server's own key
+};
+
 // What Upload::stats() returns: the link, the queues and the clips at a glance. Queue
 // counts are as of the last change to the queue; times are seconds since the epoch
 // (0 = never). The totals count from the last connect.
@@ -140,6 +149,7 @@ struct CloudStats {
   int64_t bytes_uploaded = 0;
   std::string last_upload_error;  // the message of the last failed upload
   int64_t last_upload_error_at = 0;
+  bool clock_unset = false;  // the clock reads before this build was made: TLS cannot work
 };
 
 }  // namespace zel

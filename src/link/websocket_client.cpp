@@ -215,7 +215,10 @@ bool WebSocketClient::setup_connection() {
 
   bool tls = uri_scheme != nullptr &&
              (std::strcmp(uri_scheme, "https") == 0 || std::strcmp(uri_scheme, "wss") == 0);
-  // The server is verified against the CA, but its host name is not checked.
+  // The server is verified against the CA; its host name and pins, when the host asks for
+  // them, are checked by LinkTls in the verification callback, where an IP address is
+  // matched against the certificate's IP entries and the whole verified chain is at hand.
+  this->tls.prepare(address);
   connect_info.ssl_connection = tls ? (LCCSCF_USE_SSL | LCCSCF_SKIP_SERVER_CERT_HOSTNAME_CHECK) : 0;
   connect_info.context = context;
   connect_info.address = address;
@@ -256,7 +259,7 @@ void WebSocketClient::set_connected(bool c) {
   }
 }
 
-int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*user*/, void* in,
+int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user, void* in,
                               size_t len) {
   lws_context* ctx = lws_get_context(wsi);
   if (ctx == nullptr) {
@@ -301,6 +304,11 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* /*use
       client->set_connected(false);
       return 0;
     }
+    case LWS_CALLBACK_OPENSSL_LOAD_EXTRA_CLIENT_VERIFY_CERTS:
+      client->tls.on_client_context(static_cast<SSL_CTX*>(user));
+      return 0;
+    case LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION:
+      return client->tls.verify(static_cast<X509_STORE_CTX*>(user), static_cast<int>(len));
     case LWS_CALLBACK_CLIENT_CLOSED:
       zel_log(LOG_NOTICE, "Connection LWS_CALLBACK_CLIENT_CLOSED\n");
       client->set_connected(false);

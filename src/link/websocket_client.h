@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "link/link_tls.h"
 #include "link/outbound_type.h"
 #include "link/proxy_tunnel.h"
 #include "zel/records.h"
@@ -82,6 +83,7 @@ class WebSocketClient {
 
   lws* wsi = nullptr;
   ProxyTunnel tunnel;  // worker thread only
+  LinkTls tls;         // worker thread only
   // Set once this side has asked lws to close the connection: lws may still offer
   // writeable events while it waits for the close to complete, and anything written
   // then would be lost with the connection. Worker thread only.

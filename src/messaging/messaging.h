@@ -62,6 +62,15 @@ class Messaging {
   // Stores the tables' sizes where stats() reads them without a lock; work_mutex held,
   // after anything that changes a queue or a table.
   void update_counts();
+  // Runs change only while the library is neither connected nor connecting or
+  // disconnecting, holding connect_mutex so that what connect reads cannot change under it;
+  // false without running it otherwise.
+  bool when_stopped(const std::function<void()>& change) {
+    std::unique_lock<std::mutex> lock(connect_mutex, std::try_to_lock);
+    if (!lock.owns_lock() || worker_thread != nullptr) return false;
+    change();
+    return true;
+  }
   void count_clip_state(int state);
   void count_upload_status(const UploadStatus& status);
 

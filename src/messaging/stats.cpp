@@ -2,6 +2,7 @@
 // count, the stages count what happens as it happens under a lock of its own, and the host
 // reads both, so asking never waits for a pass that a host callback may be holding.
 #include "foundation/time_utils.h"
+#include "foundation/tls_policy.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "upload/uploader_cluster.h"
@@ -25,6 +26,7 @@ CloudStats Messaging::stats() {
   s.clips_awaiting_confirmation = counts.clips_awaiting_confirmation;
   s.credentials_held = counts.credentials_held;
   s.upload_threads = counts.upload_threads;
+  s.clock_unset = clock_unset();
   return s;
 }
 

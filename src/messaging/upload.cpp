@@ -5,6 +5,7 @@
 
 #include "foundation/log.h"
 #include "foundation/proxy_settings.h"
+#include "foundation/tls_policy.h"
 #include "messaging/messaging.h"
 #include "upload/rate_limiter.h"
 
@@ -123,6 +124,14 @@ void Upload::set_upload_rate_limit(uint64_t bytes_per_second) {
 bool Upload::set_proxy(const std::string& proxy_uri) {
   if (in_log_callback()) return false;
   return set_proxy_override(proxy_uri);
+}
+
+bool Upload::set_tls_policy(const TlsPolicy& policy) {
+  if (in_log_callback()) return false;
+  bool stored = false;
+  if (Messaging::get().when_stopped([&] { stored = store_tls_policy(policy); })) return stored;
+  zel_log(LOG_ERR, "TLS policy not changed: set it before connect\n");
+  return false;
 }
 
 }  // namespace zel

@@ -13,6 +13,7 @@
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "upload/curl_proxy.h"
+#include "upload/curl_tls.h"
 #include "upload/curl_trace.h"
 #include "upload/rate_limiter.h"
 #include "upload/streaming_crypto.h"
@@ -80,6 +81,7 @@ void Uploader::init_handle() {
     curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
   }
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+  apply_tls_policy(handle);
   // Several upload threads run transfers with time-outs; signals are process-wide.
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   if (std::getenv("ZEL_DEBUG") != nullptr) {

@@ -108,7 +108,7 @@ TEST_F(Dispatch, IssuedCertificateAndKeyAreReplacedAsAPair) {
   dir.file("client.pem", "old certificate");
   dir.file("client.key", "old key");
   struct Row {
-    std::string members, reply, cert_file, key_file, cert_path;
+    std::string members, reply, cert_file, key_file, cert_path = "";
   } rows[] = {
       {member("cert", c) + "," + member("key", other), failed, "old certificate", "old key"},
       {member("cert", c) + "," + member("key", k), failed, "old certificate", "old key", dir.path + "/missing/client.pem"},

@@ -131,9 +131,9 @@ const std::string kOkay = "{\"status\":\"OK\",\"details\":\"OK\"}";
 
 std::string cert(const char* name) { return std::string(ZEL_TEST_CERTS "/") + name; }
 
-Cloud::Cloud(bool tls, const std::string& flags)
-    : Peer("messaging_server.py", tls ? std::vector<std::string>{"--cert", cert("server.pem"), "--key",
-                                                                 cert("server.key"), "--ca", cert("ca.pem"),
+Cloud::Cloud(bool tls, const std::string& flags, const std::string& certificate)
+    : Peer("messaging_server.py", tls ? std::vector<std::string>{"--cert", cert((certificate + ".pem").c_str()), "--key",
+                                                                 cert((certificate + ".key").c_str()), "--ca", cert("ca.pem"),
                                                                  "--set", flags}
                                       : std::vector<std::string>{"--plain", "--set", flags}),
       uri(std::string(tls ? "wss" : "ws") + "://127.0.0.1:" + std::to_string(listening().num("port")) + "/") {}

@@ -65,9 +65,10 @@ extern const std::string kVersion;  // of a device without account, partner or s
 extern const std::string kOkay;     // a reply's content for MsgResponse::Okay()
 std::string cert(const char* name);  // made once per build directory ("ca.pem", ...)
 
-// tools/cloud/messaging_server.py on a port of its choosing; flags as its "set" takes them.
+// tools/cloud/messaging_server.py on a port of its choosing; flags as its "set" takes them;
+// serving the certificate of that name from make_certs.sh ("chain", "other", ...).
 struct Cloud : Peer {
-  explicit Cloud(bool tls = true, const std::string& flags_json = "{}");
+  explicit Cloud(bool tls = true, const std::string& flags_json = "{}", const std::string& certificate = "server");
   zel::CloudConnect params(const char* mac = kMac) const;  // a MAC of its own: the blob container
   // The nth message the device sent on its own account (not a reply) with this subject.
   std::optional<std::string> sent(const std::string& subject, size_t nth = 0, Ms timeout = 5s);

@@ -79,8 +79,8 @@ class BlobStorage:
         store = ["--location", self.location] if self.location else ["--inMemoryPersistence"]
         self.proc = subprocess.Popen(
             [program, "--blobHost", "127.0.0.1", "--blobPort", str(port),
-             "--cert", os.path.join(self.certs, "server.pem"),
-             "--key", os.path.join(self.certs, "server.key"),
+             "--cert", os.path.join(self.certs, "blob.pem"),
+             "--key", os.path.join(self.certs, "blob.key"),
              "--skipApiVersionCheck", "--disableTelemetry"] + store,
             stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch)
         deadline = time.time() + 30
@@ -185,7 +185,7 @@ def recorder(certs, answer, emit):
 
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(os.path.join(certs, "server.pem"), os.path.join(certs, "server.key"))
+    context.load_cert_chain(os.path.join(certs, "blob.pem"), os.path.join(certs, "blob.key"))
     server.socket = context.wrap_socket(server.socket, server_side=True)
     threading.Thread(target=server.serve_forever, daemon=True).start()
     return server

@@ -3,6 +3,7 @@
 
     /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
                                                 [--proxy [--proxy-auth user:password]] [--relay]
+                                                [--server-cert KIND | --cert-name NAME]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
@@ -11,6 +12,13 @@ Storage requests and record-end transactions are answered automatically. With --
 messaging server runs in this process and a browser console (web_console.py) watches it.
 With --proxy, tinyproxy listens on loopback in front of both, and the proxy URI to use is
 printed.
+
+The messaging server presents server.pem (localhost and 127.0.0.1, signed by the local CA)
+unless --server-cert picks another certificate of make_certs.sh: "chain" (signed by an
+intermediate CA, served with it), "root2" (signed by a second root: ca_path must then be
+roots.pem, which holds both), "other" (the local CA's, for other.example only); or
+--cert-name NAME, a certificate of the local CA for NAME only. The blob emulator has a
+certificate of its own (blob.pem). The pins of each are printed.
 
 With --relay, the device reaches both services through fault_relay.py (on --port and
 --blob-port; the services move to free ports behind it) and the console also takes
@@ -29,6 +37,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 from blob_storage import BlobStorage  # noqa: E402
 from http_proxy import HttpProxy, free_port  # noqa: E402
+from messaging_server import describe_cert  # noqa: E402
 
 
 def main():
@@ -46,13 +55,20 @@ def main():
                         help="the proxy asks for Basic authentication")
     parser.add_argument("--relay", action="store_true",
                         help="put the fault relay in front of both services (console: link/blob MODE)")
+    parser.add_argument("--server-cert", choices=["server", "chain", "root2", "other"], default="server",
+                        help="the messaging server's certificate (see above)")
+    parser.add_argument("--cert-name", metavar="NAME",
+                        help="serve a certificate of the local CA for NAME only")
     args = parser.parse_args()
     if args.proxy_auth and not args.proxy:
         parser.error("--proxy-auth needs --proxy")
     if args.relay and (args.web is not None or args.proxy):
         parser.error("--relay goes alone, without --web or --proxy")
     certs = os.path.join(args.state, "certs")
-    subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs], check=True)
+    subprocess.run(["bash", os.path.join(HERE, "make_certs.sh"), certs] +
+                   (["--cert-name", args.cert_name] if args.cert_name else []), check=True)
+    args.served = "name-" + args.cert_name if args.cert_name else args.server_cert
+    args.ca_path = os.path.join(certs, "roots.pem" if args.served == "root2" else "ca.pem")
     storage = BlobStorage(certs, os.path.join(args.state, "blobs"), 0 if args.relay else args.blob_port)
     flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
              "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret"}
@@ -60,10 +76,11 @@ def main():
         return run_with_relay(args, certs, storage, flags)
     print("Local cloud is up. Point the host at it with:")
     print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % args.port)
-    print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
+    print("  CloudConnect.ca_path    = %s" % args.ca_path)
     print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
     print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
     print("  export ZEL_BLOB_DOMAIN=%s" % storage.blob_domain)
+    print_certificates(certs, args.served)
     for mac in args.recorder or ["001122334455"]:
         storage.create_container(mac.lower())
         print("  blob container for recorder %s is ready" % mac.lower())
@@ -82,8 +99,8 @@ def main():
         run_with_console(args, certs, flags, storage)
     try:
         subprocess.run(["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
-                        "--port", str(args.port), "--cert", os.path.join(certs, "server.pem"),
-                        "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem"),
+                        "--port", str(args.port), "--cert", os.path.join(certs, args.served + ".pem"),
+                        "--key", os.path.join(certs, args.served + ".key"), "--ca", os.path.join(certs, "ca.pem"),
                         "--set", json.dumps(flags)])
     except KeyboardInterrupt:
         pass
@@ -93,13 +110,23 @@ def main():
             proxy.stop()
 
 
+def print_certificates(certs, served):
+    """Which certificates the two services present, and the pins TlsPolicy takes."""
+    print("  messaging server presents %s.pem: %s" % (served, describe_cert(os.path.join(certs, served + ".pem"))))
+    print("  blob storage presents blob.pem: %s" % describe_cert(os.path.join(certs, "blob.pem")))
+    for base, what in (("server", "server.pem"), ("inter", "the intermediate CA"), ("ca", "the local CA"),
+                       ("blob", "blob.pem (storage_pinned_sha256)")):
+        with open(os.path.join(certs, base + ".pin")) as f:
+            print("  pin of %s: %s" % (what, f.read().strip()))
+
+
 def run_with_console(args, certs, flags, storage):
     """The messaging server in this process, next to the console that watches it."""
     import asyncio
     import web_console
     cloud_args = argparse.Namespace(
-        host="127.0.0.1", port=args.port, cert=os.path.join(certs, "server.pem"),
-        key=os.path.join(certs, "server.key"), ca=os.path.join(certs, "ca.pem"), plain=False,
+        host="127.0.0.1", port=args.port, cert=os.path.join(certs, args.served + ".pem"),
+        key=os.path.join(certs, args.served + ".key"), ca=os.path.join(certs, "ca.pem"), plain=False,
         interactive=True, set=json.dumps(flags))
     code = 0
     try:
@@ -137,10 +164,11 @@ def run_with_relay(args, certs, storage, flags):
                          daemon=True).start()
         print("Local cloud is up, behind the fault relay. Point the host at it with:")
         print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % ports["link"])
-        print("  CloudConnect.ca_path    = %s" % os.path.join(certs, "ca.pem"))
+        print("  CloudConnect.ca_path    = %s" % args.ca_path)
         print("  CloudConnect.cert_path  = %s" % os.path.join(certs, "client.pem"))
         print("  CloudConnect.key_path   = %s" % os.path.join(certs, "client.key"))
         print("  export ZEL_BLOB_DOMAIN=.blob.localhost:%d" % ports["blob"])
+        print_certificates(certs, args.served)
         for mac in args.recorder or ["001122334455"]:
             storage.create_container(mac.lower())
             print("  blob container for recorder %s is ready" % mac.lower())
@@ -148,8 +176,8 @@ def run_with_relay(args, certs, storage, flags):
               "\"relay status\"", flush=True)
         server = subprocess.Popen(
             ["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
-             "--port", str(server_port), "--cert", os.path.join(certs, "server.pem"),
-             "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem"),
+             "--port", str(server_port), "--cert", os.path.join(certs, args.served + ".pem"),
+             "--key", os.path.join(certs, args.served + ".key"), "--ca", os.path.join(certs, "ca.pem"),
              "--set", json.dumps(flags)], stdin=subprocess.PIPE, text=True, bufsize=1)
         for line in sys.stdin:
             words = line.split()

@@ -46,6 +46,19 @@ from websockets.legacy.server import WebSocketServerProtocol
 SERVER_NAME = "zel-cloud"
 
 
+def describe_cert(path):
+    """A served certificate in one line: "CN=localhost (DNS:localhost, IP:127.0.0.1) by CN=Local Cloud Test CA"."""
+    out = subprocess.run(["openssl", "x509", "-in", path, "-noout", "-subject", "-issuer", "-ext",
+                          "subjectAltName", "-nameopt", "compat"], capture_output=True, text=True)
+    if out.returncode != 0:
+        return "unreadable (%s)" % path
+    lines = [line.strip() for line in out.stdout.splitlines()]
+    field = lambda key: next((l.split("=", 1)[1] for l in lines if l.startswith(key + "=")), "?")
+    names = next((lines[i + 1] for i, l in enumerate(lines) if l.startswith("X509v3 Subject Alt")), "")
+    return "%s (%s) by %s" % (field("subject").lstrip("/"), names.replace("IP Address", "IP"),
+                              field("issuer").lstrip("/"))
+
+
 def now_iso():
     return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
 

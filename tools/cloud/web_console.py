@@ -98,7 +98,8 @@ class Console:
         self.counter = 0
         self.link = {"connected": False, "since": None, "mac": None, "version": None,
                      "version_n": None, "cert_subject": None, "connections": 0,
-                     "reconnections": 0, "peer": None, "close_code": None, "close_reason": None}
+                     "reconnections": 0, "peer": None, "close_code": None, "close_reason": None,
+                     "server_cert": None, "blob_cert": None}
         self.clips = {}
         self.credentials = {}  # clip key -> (account, token, secret); never sent to the page
         self.locks = {}
@@ -379,6 +380,10 @@ async def loopback_only(request, handler):
 async def serve(cloud_args, storage, cache_dir, port):
     """Runs the messaging server with the console beside it until the server stops."""
     console = Console(storage, cache_dir)
+    if cloud_args.cert:  # which certificates the device is shown (make_certs.sh made several)
+        console.link["server_cert"] = messaging_server.describe_cert(cloud_args.cert)
+    if storage is not None and getattr(storage, "certs", None):
+        console.link["blob_cert"] = messaging_server.describe_cert(os.path.join(storage.certs, "blob.pem"))
     cloud = WatchedCloud(cloud_args, console)
     runner = web.AppRunner(console.app(), access_log=None)
     await runner.setup()

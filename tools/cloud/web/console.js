@@ -33,6 +33,8 @@ function showLink(link) {
   $("link-since").textContent = link.since ? "since " + clock(link.since) : "";
   $("link-mac").textContent = link.mac || "–";
   $("link-cert").textContent = link.connections ? (link.cert_subject || "none presented") : "–";
+  $("link-server-cert").textContent = link.server_cert || "–";
+  $("link-blob-cert").textContent = link.blob_cert || "–";
   $("link-reconnections").textContent = String(link.reconnections);
   $("link-close").textContent = link.close_code === null ? "–" :
     String(link.close_code) + (link.close_reason ? " " + link.close_reason : "");
