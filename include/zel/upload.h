@@ -31,7 +31,10 @@ class ZEL_EXPORT Upload {
   // Closes the link (waiting at most 30 s), stops the worker, ends uploads still running
   // (state 7 "Upload interrupted by disconnect") and joins the upload threads; returns
   // within 32 s. True when the library is disconnected; false from a callback or on
-  // time-out.
+  // time-out (call it again: it finishes what was left). Call it before the host exits;
+  // a host that exits without it, even from a callback, neither crashes nor hangs: an exit
+  // handler stops the library's threads within 2 s, leaving behind any still inside a
+  // host callback, and reports no clip.
   static bool disconnect();
   static bool stop();  // the same as disconnect()
 
@@ -42,6 +45,8 @@ class ZEL_EXPORT Upload {
   static void register_ota_update(std::function<MsgResponse(UpdateInfo)> cb);
 
   // Checks the clip on the calling thread and queues it; states arrive through clip.callback.
+  // A clip submitted again while queued or waiting for credentials replaces the earlier
+  // submission (which ends with state 7); while it uploads, the new one gets state 1.
   static void upload_clip(const ClipInfo& clip);
   static void upload_clip(const ClipInfo& clip, const UploadOpts& opts);
   static void clear_queued_clips();
@@ -59,7 +64,9 @@ class ZEL_EXPORT Upload {
                                     const std::string& recurrence_count);
   // Resizes the upload pool, and so the number of clips in progress, while connected;
   // returns at once (removed threads finish their uploads in the background). The number
-  // holds across reconnections. Ignored while disconnected and from a progress function.
+  // holds across reconnections. 0 is refused (disconnect empties the pool) and more than
+  // 64 is capped at 64, each with a log line. Ignored while disconnected and from a
+  // progress function.
   static void set_upload_threads(unsigned n);
 
   // Operating it in the field.
