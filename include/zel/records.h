@@ -150,6 +150,8 @@ struct CloudStats {
   std::string last_upload_error;  // the message of the last failed upload
   int64_t last_upload_error_at = 0;
   bool clock_unset = false;  // the clock reads before this build was made: TLS cannot work
+  int64_t reconnect_attempts = 0;  // connection attempts since connect
+  int64_t next_attempt_at = 0;     // when the next is due; 0 while linked or trying
 };
 
 }  // namespace zel

@@ -10,6 +10,7 @@ namespace zel {
 namespace {
 std::atomic<long> g_offset{0};
 std::atomic<long> g_frozen_at{0};  // 0: the clock runs
+std::atomic<int64_t> g_frozen_ms{-1};  // -1: the monotonic clock runs
 
 std::string format_utc(time_t t) {
   struct tm parts {};
@@ -26,7 +27,22 @@ long wall_seconds() {
   auto since = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
 }
+
+int64_t steady_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+int64_t frozen_or(int64_t running) {
+  int64_t frozen = g_frozen_ms.load(std::memory_order_relaxed);
+  return frozen >= 0 ? frozen : running;
+}
 }  // namespace
+
+int64_t monotonic_ms() {
+  return frozen_or(steady_ms()) + int64_t{1000} * g_offset.load(std::memory_order_relaxed);
+}
 
 long time_now() {
   long frozen = g_frozen_at.load(std::memory_order_relaxed);
@@ -49,6 +65,9 @@ void advance_clock(long seconds) { g_offset.fetch_add(seconds, std::memory_order
 
 long clock_offset() { return g_offset.load(std::memory_order_relaxed); }
 
-void freeze_clock(bool frozen) { g_frozen_at.store(frozen ? wall_seconds() : 0); }
+void freeze_clock(bool frozen) {
+  g_frozen_at.store(frozen ? wall_seconds() : 0);
+  g_frozen_ms.store(frozen ? steady_ms() : -1);
+}
 
 }  // namespace zel

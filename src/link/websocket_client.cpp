@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -15,7 +16,6 @@ namespace zel {
 
 namespace {
 
-constexpr unsigned kReconnectPeriod = 5;
 constexpr int kMaxReadRounds = 256;  // bounds one pass at 256 more service calls
 constexpr int kCloseDisconnecting = 4003;
 constexpr int kCloseWriteFailed = 4404;
@@ -38,6 +38,20 @@ bool known_scheme(const char* scheme) {
   for (const char* known : {"wss", "https", "ws", "http"})
     if (std::strcmp(scheme, known) == 0) return true;
   return false;
+}
+
+// The seconds of room a server that refused the upgrade (503 or 429) asked for, or -1.
+// Read while the handshake's headers are still attached to the connection.
+int64_t requested_room(lws* w) {
+  const unsigned status = lws_http_client_http_response(w);
+  if (status != 503 && status != 429) return -1;
+  char value[32] = {};
+  if (lws_hdr_copy(w, value, sizeof value, WSI_TOKEN_HTTP_RETRY_AFTER) <= 0) return -1;
+  // Seconds only: an HTTP-date is ignored.
+  char* end = nullptr;
+  const long long seconds = std::strtoll(value, &end, 10);
+  while (end != value && *end == ' ') ++end;
+  return (end == value || *end != '\0' || seconds < 0) ? -1 : seconds;
 }
 
 bool readable(const std::string& path) {
@@ -92,7 +106,10 @@ bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> o
   ca_file = cc.ca_path;
   key_file = cc.key_path;
   cert_file = cc.cert_path;
-  connect_stamp = 0;
+  schedule.reset(cc.mac_address);
+  attempt_open = false;
+  attempts_made = 0;
+  next_attempt_ms = 0;
   apply_log_level_from_env();
   return true;
 }
@@ -107,16 +124,27 @@ bool WebSocketClient::service_socket() {
   bool want_write = false;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    if (wsi == nullptr && keep_connected && ratelimit(&connect_stamp, kReconnectPeriod))
+    const int64_t now = monotonic_ms();
+    if (wsi == nullptr && keep_connected && !attempt_open && schedule.due(now)) {
       attempt = true;
-    else if (connected && !outbound.empty())
+      attempt_open = true;
+      refused_for_s = -1;
+      schedule.attempt_started(now);
+      attempts_made = schedule.attempts();
+      next_attempt_ms = 0;
+    } else if (connected && !outbound.empty()) {
       want_write = true;
+    }
   }
   if (attempt) {
     zel_log(LOG_NOTICE, "Attempting to connect to messaging server...\n");
     clear_context();
     service_thread.store(std::this_thread::get_id());
     if (create_context() && setup_connection()) wsi = lws_client_connect_via_info(&connect_info);
+    if (wsi == nullptr) {
+      std::lock_guard<std::mutex> lock(mutex);
+      settle_attempt_locked();
+    }
   } else if (want_write && wsi != nullptr && !closing) {
     lws_callback_on_writable(wsi);
   }
@@ -275,10 +303,17 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
   switch (reason) {
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
       zel_log(LOG_ERR, "Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n");
+      client->refused_for_s = requested_room(wsi);
+      if (client->refused_for_s >= 0)
+        zel_log(LOG_WARN, "The server asked for %lld s before the next attempt\n",
+                static_cast<long long>(client->refused_for_s));
       client->tunnel.report_failure();
       client->set_connected(false);
       return 0;
-    case LWS_CALLBACK_CLIENT_ESTABLISHED:
+    case LWS_CALLBACK_CLIENT_ESTABLISHED: {
+      std::lock_guard<std::mutex> lock(client->mutex);
+      client->schedule.established(monotonic_ms());
+    }
       client->closing = false;
       client->set_connected(true);
       lws_callback_on_writable(wsi);
@@ -292,10 +327,13 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       return 0;
     case LWS_CALLBACK_CLIENT_WRITEABLE:
       return client->on_writeable(wsi);
-    case LWS_CALLBACK_WSI_DESTROY:
+    case LWS_CALLBACK_WSI_DESTROY: {
       // Only now may service_socket build the next connection.
       if (client->wsi == wsi) client->wsi = nullptr;
+      std::lock_guard<std::mutex> lock(client->mutex);
+      client->settle_attempt_locked();
       return 0;
+    }
     case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: {
       zel_log(LOG_NOTICE, "LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: len %zu\n", len);
       const auto* bytes = static_cast<const unsigned char*>(in);
@@ -316,6 +354,24 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
     default:
       return 0;
   }
+}
+
+void WebSocketClient::settle_attempt_locked() {
+  if (!std::exchange(attempt_open, false)) return;
+  const int64_t now = monotonic_ms();
+  if (schedule.is_established())
+    schedule.dropped(now);
+  else if (refused_for_s >= 0)
+    schedule.refused(now, refused_for_s);
+  else
+    schedule.attempt_failed(now);
+  next_attempt_ms = schedule.next_attempt_ms();
+}
+
+int64_t WebSocketClient::next_attempt_at() const {
+  const int64_t next = next_attempt_ms;
+  if (next == 0) return 0;
+  return time_now() + std::max<int64_t>(0, (next - monotonic_ms() + 999) / 1000);
 }
 
 void WebSocketClient::forget_connection() {

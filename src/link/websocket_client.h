@@ -20,6 +20,7 @@
 #include "link/link_tls.h"
 #include "link/outbound_type.h"
 #include "link/proxy_tunnel.h"
+#include "link/reconnect_schedule.h"
 #include "zel/records.h"
 
 namespace zel {
@@ -57,6 +58,10 @@ class WebSocketClient {
   // Test seams.
   void inject_inbound(const std::string& text);  // as if received from the server
   size_t outbound_size();  // the queue's size, kept where any thread reads it without a lock
+  // Connection attempts since initialize, and when the next is due (seconds since the
+  // epoch; 0 while a link is up or an attempt is under way); any thread, no lock.
+  int64_t reconnect_attempts() const { return attempts_made; }
+  int64_t next_attempt_at() const;
   std::vector<std::string> outbound_texts();
 
   ~WebSocketClient();
@@ -78,6 +83,9 @@ class WebSocketClient {
   void count_queues_locked();  // mutex held, after outbound or inbound changed
   // A connection has ended: what belonged to it alone goes with it.
   void forget_connection();
+  // The attempt under way has ended, as a link that dropped, a refusal or a failure; the
+  // schedule draws the next one. mutex held.
+  void settle_attempt_locked();
   // The write of the first queued frame failed on this connection; mutex held.
   void count_failed_write_locked(const OutboundType& msg);
 
@@ -101,7 +109,11 @@ class WebSocketClient {
   const char* uri_path = nullptr;
   char* uri_copy = nullptr;
   char path_buffer[300] = {};
-  uint32_t connect_stamp = 0;
+  ReconnectSchedule schedule;   // mutex
+  bool attempt_open = false;    // mutex: an attempt started and not yet settled
+  int64_t refused_for_s = -1;   // worker: Retry-After of the attempt's refusal, -1 if none
+  std::atomic<int64_t> attempts_made{0};
+  std::atomic<int64_t> next_attempt_ms{0};
   std::string origin;
   std::string server_uri;
   std::string ca_file;

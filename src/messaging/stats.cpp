@@ -27,6 +27,8 @@ CloudStats Messaging::stats() {
   s.credentials_held = counts.credentials_held;
   s.upload_threads = counts.upload_threads;
   s.clock_unset = clock_unset();
+  s.reconnect_attempts = link.reconnect_attempts();
+  s.next_attempt_at = link.next_attempt_at();
   return s;
 }
 

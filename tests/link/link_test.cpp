@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <set>
 #include <stdexcept>
 
 #include "foundation/time_utils.h"
@@ -51,15 +52,16 @@ TEST(Session, FiveUnansweredPingsDropTheLinkWhichComesBack) {
   zel::advance_clock(30);
   EXPECT_EQ(cloud.close_code(), 4429);
   EXPECT_EQ(log.count("4|Pong message not received in 150 seconds, disconnecting.\n"), 1u);
+  EXPECT_LE(next_attempt_now(), 5);  // a link that lived 60 s or more comes back within 5 s
   EXPECT_TRUE(cloud.sent("version", 1));
   EXPECT_TRUE(cloud.sent("transaction", 1));
   EXPECT_EQ(device.connects, 2);
   EXPECT_EQ(device.disconnects, 1);
 }
 
-// Attempts 5 s apart; what a dead link leaves behind (a close it asked for, requests not yet
-// answered) never reaches the next one.
-TEST(Session, ConnectionAttemptsAreFiveSecondsApartAndNothingStaleSurvives) {
+// Failed attempts back off at random within [5 s, min(60 s, 5 s x 2^n)]; what a dead link
+// leaves behind (a close it asked for, requests not yet answered) never reaches the next one.
+TEST(Session, FailedAttemptsBackOffAndNothingStaleSurvives) {
   FrozenClock clock;
   LogCapture log;
   zel::CloudConnect cc;
@@ -70,12 +72,21 @@ TEST(Session, ConnectionAttemptsAreFiveSecondsApartAndNothingStaleSurvives) {
   link.soft_disconnect();
   link.inject_inbound("{\"id\":\"old\",\"from\":\"c\",\"subject\":\"status\"}");
   const std::string attempt = "4|Attempting to connect to messaging server...\n";
-  EXPECT_TRUE(log.wait("1|Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n"));
-  zel::advance_clock(4);
-  EXPECT_FALSE(log.wait(attempt, 2, 1200ms));
-  zel::advance_clock(1);
-  EXPECT_TRUE(log.wait(attempt, 2));
-  EXPECT_TRUE(log.wait("1|Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n", 2));
+  std::set<long> delays;
+  for (long n = 1; n <= 6; ++n) {
+    SCOPED_TRACE(n);
+    ASSERT_TRUE(log.wait("1|Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n", n));
+    ASSERT_TRUE(eventually([] { return zel::Upload::stats().next_attempt_at != 0; }));
+    const long delay = zel::Upload::stats().next_attempt_at - zel::time_now();
+    EXPECT_TRUE(delay >= 5 && delay <= std::min(60L, 5L << n)) << delay;
+    zel::advance_clock(delay - 1);
+    EXPECT_FALSE(log.wait(attempt, n + 1, 300ms));
+    zel::advance_clock(1);
+    EXPECT_TRUE(log.wait(attempt, n + 1));
+    delays.insert(delay);
+  }
+  EXPECT_GT(delays.size(), 2u);  // drawn, not fixed
+  EXPECT_EQ(zel::Upload::stats().reconnect_attempts, 7);
   EXPECT_EQ(link.outbound_size(), 0u);  // the close went with the attempt it was meant for
   EXPECT_TRUE(zel::Upload::disconnect());
   EXPECT_EQ(drops, 0);
@@ -85,6 +96,27 @@ TEST(Session, ConnectionAttemptsAreFiveSecondsApartAndNothingStaleSurvives) {
   cloud.request("status", "", "new");
   EXPECT_TRUE(cloud.reply("new"));
   EXPECT_FALSE(cloud.reply("old", 0ms));
+}
+
+// A link that lived under 60 s is a failed attempt (n goes on); one that lived 60 s resets n.
+// Two recorders started together draw apart.
+TEST(Session, ShortLinksKeepBackingOffLongOnesStartOver) {
+  FrozenClock clock;
+  Cloud cloud;
+  Device device(cloud);
+  for (auto [lived, low, high] : {std::tuple{1L, 5L, 10L}, {1L, 5L, 20L}, {60L, 0L, 5L}, {1L, 5L, 10L}}) {
+    zel::advance_clock(lived);
+    EXPECT_TRUE(cloud.ok("{\"cmd\":\"drop\"}"));
+    const long delay = next_attempt_now();
+    EXPECT_TRUE(delay >= low && delay <= high) << lived << " s up, then " << delay;
+    ASSERT_TRUE(eventually([] { return zel::Upload::stats().link_up; }));
+  }
+  zel::ReconnectSchedule a, b;
+  a.reset(kMac), b.reset(kMac);
+  std::vector<int64_t> drawn[2];
+  for (int i = 0; i < 4; ++i)
+    for (auto [s, d] : {std::pair{&a, &drawn[0]}, {&b, &drawn[1]}}) s->attempt_started(0), s->attempt_failed(0), d->push_back(s->next_attempt_ms());
+  EXPECT_NE(drawn[0], drawn[1]);
 }
 
 TEST(Session, DisconnectClosesWith4003) {
@@ -113,7 +145,7 @@ TEST(OutboundQueue, OrderCollapseAndSurvivalAcrossAReconnect) {
   EXPECT_EQ(cloud.close_code(), 4429);
   ASSERT_TRUE(eventually([&] { return !link.is_connected(); }));
   link.send_message("lost-while-down", false);
-  zel::advance_clock(5);  // the next attempt
+  next_attempt_now();
   EXPECT_TRUE(cloud.sent("version", 1));
   cloud.request("status", "", "sync");  // answered after everything queued before it
   EXPECT_TRUE(cloud.reply("sync"));

@@ -295,6 +295,12 @@ std::string openssl_enc(const std::string& path, const std::string& password) {
   return bytes;
 }
 
+long next_attempt_now() {
+  eventually([] { return zel::Upload::stats().next_attempt_at != 0; });
+  const long wait = std::max(0L, static_cast<long>(zel::Upload::stats().next_attempt_at - zel::time_now()));
+  return zel::advance_clock(wait), wait;
+}
+
 bool eventually(const std::function<bool()>& pred, Ms timeout) {
   for (auto end = std::chrono::steady_clock::now() + timeout; !pred(); std::this_thread::sleep_for(10ms))
     if (std::chrono::steady_clock::now() > end) return false;

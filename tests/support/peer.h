@@ -138,5 +138,8 @@ std::string sha256_hex(const std::string& bytes);
 // What `openssl enc -aes-192-cbc -md md5 -nosalt` makes of a file: the judge of our cipher.
 std::string openssl_enc(const std::string& path, const std::string& password);
 bool eventually(const std::function<bool()>& pred, Ms timeout = 5s);
+// Moves the library's clocks to the link's next connection attempt, once one is due; returns
+// the seconds moved.
+long next_attempt_now();
 
 }  // namespace zt
