@@ -241,11 +241,6 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
     std::lock_guard<std::mutex> lock(mu);
     lines.push_back(std::to_string(level) + "|" + line);
   });
-  auto quoted = [](const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
-    return out + "\"";
-  };
   const std::string grant = "\"token\":\"" + token + "\",\"secret\":\"clip-secret-1\"";
   {
     EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"auto_storage\":false}"));
@@ -260,14 +255,14 @@ TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {
                                "\"account\":\"devstoreaccount1\"," + grant + ",\"start_at\":\"1614600000\","
                                "\"camera_mac\":\"0a1b2c3d4e5f\"}}";
     const size_t cut1 = access.find("sig=") + 6, cut2 = access.find("clip-secret") + 5;
-    EXPECT_TRUE(cloud.ok("{\"cmd\":\"send_fragments\",\"parts\":[" + quoted(access.substr(0, cut1)) + "," +
-                         quoted(access.substr(cut1, cut2 - cut1)) + "," + quoted(access.substr(cut2)) + "]}"));
+    EXPECT_TRUE(cloud.ok("{\"cmd\":\"send_fragments\",\"parts\":[" + json_quote(access.substr(0, cut1)) + "," +
+                         json_quote(access.substr(cut1, cut2 - cut1)) + "," + json_quote(access.substr(cut2)) + "]}"));
     ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED)) << r.message(zel::CLIP_FAILED);
     EXPECT_EQ(r.message(5).find("sig="), std::string::npos);
     for (const std::string& text : {access.substr(cut1), "{\"subject\":5,\"content\":{" + grant + "}}",
                                     envelope("d", "issueCertificate", "{\"contents\":{\"key\":\"SECRETKEY\",\"cert\":\"C\"}}"),
                                     envelope("d", "odd\\\"", "{" + grant + "}")})
-      EXPECT_TRUE(cloud.ok("{\"cmd\":\"send\",\"text\":" + quoted(text) + "}"));
+      EXPECT_TRUE(cloud.ok("{\"cmd\":\"send\",\"text\":" + json_quote(text) + "}"));
     cloud.request("status", "", "sync");
     EXPECT_TRUE(cloud.reply("sync"));
   }

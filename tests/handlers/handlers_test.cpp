@@ -98,11 +98,7 @@ TEST_F(Dispatch, IssuedCertificateAndKeyAreReplacedAsAPair) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0777) : -1;
   };
-  auto member = [](const char* name, const std::string& text) {
-    std::string out = std::string("\"") + name + "\":\"";
-    for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
-    return out + "\"";
-  };
+  auto member = [](const char* name, const std::string& text) { return std::string("\"") + name + "\":" + json_quote(text); };
   const std::string c = read_file(cert("client.pem")), k = read_file(cert("client.key")), other = read_file(cert("server.key"));
   const std::string failed = "{\"error\": \"Could not write certificate\"}";
   dir.file("client.pem", "old certificate");

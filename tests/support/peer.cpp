@@ -14,6 +14,7 @@
 #include <regex>
 #include <sstream>
 
+#include "foundation/json_ptr.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
@@ -293,6 +294,12 @@ std::string openssl_enc(const std::string& path, const std::string& password) {
   std::string bytes = std::system(cmd.c_str()) == 0 ? read_file(out) : "<openssl failed>";
   std::remove(out.c_str());
   return bytes;
+}
+
+std::string json_quote(const std::string& text) {
+  cJSON* s = cJSON_CreateString(text.c_str());
+  std::string out = zel::print_unformatted(s);
+  return cJSON_Delete(s), out;
 }
 
 long next_attempt_now() {

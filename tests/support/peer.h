@@ -92,6 +92,8 @@ struct Device {
   std::atomic<int> connects{0}, disconnects{0};
 };
 
+// text as a JSON string, quotes included.
+std::string json_quote(const std::string& text);
 // Placeholders for what follows the clock ("id" digits, "date"), and a device message so.
 std::string stable(const std::string& text);
 std::string envelope(const std::string& to, const std::string& subject, const std::string& content,
