@@ -42,21 +42,21 @@ long Event::num(const char* name) const {
 }
 
 Peer::Peer(const std::string& program, const std::vector<std::string>& args) {
-  int to[2], from[2];
-  if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  int to[2], from[2], err[2];
+  if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe");
   std::vector<std::string> words = {"/usr/bin/python3", ZEL_SOURCE_DIR "/tools/cloud/" + program};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
   if ((pid_ = fork()) == 0) {
-    dup2(to[0], 0);
-    dup2(from[1], 1);
+    dup2(to[0], 0), dup2(from[1], 1), dup2(err[1], 2);
     execv(argv[0], argv.data());
     _exit(127);
   }
-  close(to[0]);
-  close(from[1]);
+  if (pid_ < 0) throw std::runtime_error("fork");
+  close(to[0]), close(from[1]), close(err[1]);
   in_ = to[1];
   reader_ = std::thread([this, fd = from[0]] {
     std::string buf;
@@ -81,16 +81,35 @@ Peer::Peer(const std::string& program, const std::vector<std::string>& args) {
     ended_ = true;
     cv_.notify_all();
   });
+  // The peer's stderr still shows, and is kept as the reason should it not start.
+  err_reader_ = std::thread([this, fd = err[0]] {
+    char chunk[4096];
+    for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) {
+      ssize_t shown = write(2, chunk, static_cast<size_t>(n));
+      (void)shown;
+      std::lock_guard<std::mutex> lock(mu_);
+      if (stderr_.size() < 8192) stderr_.append(chunk, static_cast<size_t>(n));
+    }
+    close(fd);
+  });
   auto up = wait([](const Event& e) { return e.kind == "listening"; }, 0, 60s);
-  if (!up) throw std::runtime_error(program + " did not start");
+  if (!up) {
+    // A throw, not an exit: the test fails with the reason and the next one runs; the
+    // child and the readers go first, as a destructor would have taken them.
+    stop();
+    throw std::runtime_error(kPeerDidNotStart + program + ": " + stderr_);
+  }
   up_ = *up;
 }
 
-Peer::~Peer() {
+Peer::~Peer() { stop(); }
+
+void Peer::stop() {
   close(in_);
   for (int i = 0; i < 100 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i) usleep(50000);
   if (kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
   reader_.join();
+  err_reader_.join();
 }
 
 Event Peer::command(const std::string& json_object, Ms timeout) {
