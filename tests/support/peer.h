@@ -57,9 +57,10 @@ class Peer {
   std::vector<Event> events_;
   std::mutex mu_;
   std::condition_variable cv_;
-  std::string stderr_;  // what the peer wrote there, guarded by mu_
-  std::thread reader_, err_reader_;
+  int err_ = -1;  // the peer's stderr
+  std::thread reader_;
   void stop();
+  std::string stderr_text() const;
 };
 
 constexpr const char* kMac = "00:AA:BB:CC:DD:EE";
