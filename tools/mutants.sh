@@ -11,9 +11,16 @@
 # Copies the tree (without .git and build/) to build/mutants-NAME/tree, NAME being the
 # revision or "work", and builds it there once at -O1 without sanitizers (plain/); faults
 # marked "tsan" (a dropped lock shows only as a data race) use a ThreadSanitizer build
-# (tsan/). Later runs of the same NAME rebuild incrementally. Each fault
-# gets at most ZEL_MUTANT_SECONDS (default 300) for its tests; a hang counts as killed.
-# A fault whose code no longer compiles is reported as "invalid" and counts as neither.
+# (tsan/). Later runs of the same NAME rebuild incrementally.
+#
+# Before any fault, the suites the chosen faults use run on the unmutated tree: if one
+# fails (a missing emulator, a flaky test), the run stops with status 2 naming it, since
+# every fault would look "killed". A fault counts as killed only when a test failed (a
+# gtest failure, a sanitizer's report, or a hang: ctest's time-out, the suite's own
+# watchdog, or ZEL_MUTANT_SECONDS, default 300, for all its tests). A test program that
+# ended otherwise (a crash, abort or exit, a peer that did not start) is "aborted", and a
+# fault whose text is no longer found or that no longer compiles is "invalid": neither
+# counts, and either makes the run fail (status 1) until the table or the tests are fixed.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 limit=${ZEL_MUTANT_SECONDS:-300}
@@ -25,8 +32,11 @@ tree="$work/tree"
 # build|suites|file|original text (unique in the file)|replacement
 # In the texts "\|" stands for "|" and "¶" for a line break; the rest is as in the source.
 # suites: the ctest prefixes (subsystems) that must notice the fault.
+# Lines starting with "#" head a group; rows are numbered in order across groups, so add
+# new rows at the end of the table to keep the numbers of the others.
 faults=$(cat <<'EOF'
-plain|foundation|src/foundation/envelope.cpp|"signature", "n/a"|"signature", "n/b"
+# --- The design's code
+plain|foundation,link|src/foundation/envelope.cpp|"signature", "n/a"|"signature", "n/b"
 plain|foundation|src/foundation/envelope.cpp|(reparsed.get(), "original_id"|(reparsed.get(), "originalId"
 plain|foundation|src/foundation/time_utils.cpp|"%FT%TZ"|"%FT%T"
 plain|foundation,link|src/foundation/time_utils.cpp|< static_cast<int64_t>(period))|<= static_cast<int64_t>(period))
@@ -90,10 +100,57 @@ plain|upload|src/upload/uploader.cpp|if (d.timeout_s > 0 && elapsed >= d.timeout
 plain|upload|src/upload/uploader_cluster.cpp|  work_ready.notify_one();|
 plain|upload|src/upload/uploader_cluster.cpp|  queue.clear();¶  return keys;|  return keys;
 tsan|upload|src/upload/uploader_cluster.cpp|  std::lock_guard<std::mutex> lock(queue_mutex);¶  statuses.push_back(status);|  statuses.push_back(status);
+# --- Added since the design: proxy, log, stats, limiter, refusals, stall, bounded disconnect
+plain|foundation|src/foundation/proxy_settings.cpp|std::string rest = trim(raw);|std::string rest = raw;
+plain|foundation|src/foundation/proxy_settings.cpp|if (lower(rest.substr(0, sep)) != "http")|if (rest.substr(0, sep) != "http")
+plain|foundation|src/foundation/proxy_settings.cpp|size_t at = rest.rfind('@');|size_t at = rest.find('@');
+plain|foundation|src/foundation/proxy_settings.cpp|hi * 16 + lo|hi * 10 + lo
+plain|foundation|src/foundation/proxy_settings.cpp|*host = in.substr(1, close - 1);|*host = in.substr(0, close);
+plain|foundation|src/foundation/proxy_settings.cpp|    if (rest.find_first_not_of('/', slash) != std::string::npos) return std::nullopt;¶|
+plain|foundation|src/foundation/proxy_settings.cpp|kDefaultProxyPort = 1080;|kDefaultProxyPort = 8080;
+plain|foundation|src/foundation/proxy_settings.cpp|if (r.port < 1 \|\| r.port > 65535)|if (r.port < 0 \|\| r.port > 65535)
+plain|foundation|src/foundation/proxy_settings.cpp|std::string host = lower(target);|std::string host = target;
+plain|foundation|src/foundation/proxy_settings.cpp|no_proxy.find_first_of(", \t", pos);|no_proxy.find_first_of(",", pos);
+plain|foundation|src/foundation/proxy_settings.cpp|if (entry == "*") return true;|if (entry == "*") continue;
+plain|foundation|src/foundation/proxy_settings.cpp|if (!entry.empty() && entry[0] == '.') entry.erase(0, 1);|
+plain|foundation|src/foundation/proxy_settings.cpp| &&¶        host[host.size() - entry.size() - 1] == '.')|)
+plain|foundation|src/foundation/proxy_settings.cpp|      if (address_entry_matches(entry, ip)) return true;¶      continue;|      if (address_entry_matches(entry, ip)) return true;
+plain|foundation|src/foundation/proxy_settings.cpp|net.size == 0 \|\| net.size != target.size|net.size == 0
+plain|foundation|src/foundation/proxy_settings.cpp|if (bits > net.size * 8) return false;|if (bits > 128) return false;
+plain|foundation|src/foundation/proxy_settings.cpp|if (bits == 0) bits = net.size * 8;|
+plain|foundation|src/foundation/proxy_settings.cpp|0xffu << (8 - bits % 8)|0xffu << (7 - bits % 8)
+plain|link|src/foundation/proxy_settings.cpp|(s == "wss" \|\| s == "https") ?|(s == "wss") ?
+plain|link|src/foundation/proxy_settings.cpp|user + ":***@"|user + ":" + password + "@"
+plain|link|src/link/proxy_tunnel.cpp|code = code * 10 + (answer[i] - '0');|code = code * 16 + (answer[i] - '0');
+plain|link|src/link/proxy_tunnel.cpp|answer[8] != ' '|answer[7] != ' '
+plain|link|src/upload/curl_proxy.cpp|if (connect_code != 0) return route.failure(connect_code);|
+plain|link|src/upload/curl_trace.cpp|"> Proxy-Authorization:"|"> Proxy-Authorisation:"
+plain|clips|src/upload/curl_trace.cpp|for (size_t q = line.find('?');|for (size_t q = line.find('#');
+plain|foundation|src/foundation/log.cpp|if (!g_callback \|\| (level & g_levels) == 0) return;|if (!g_callback) return;
+plain|foundation|src/foundation/log.cpp|(s.back() == '\n' \|\| s.back() == '\r')|(s.back() == '\r')
+plain|clips|src/foundation/log.cpp|deliver_locked(LOG_NOTICE, line);|deliver_locked(LOG_WARN, line);
+plain|foundation|src/messaging/upload.cpp|bool Upload::disconnect() {¶  if (in_log_callback()) return false;|bool Upload::disconnect() {
+plain|foundation|src/messaging/upload.cpp|bool Upload::stop() {¶  if (in_log_callback()) return false;|bool Upload::stop() {
+plain|foundation|src/messaging/upload.cpp|const std::string&)> cb) {¶  if (in_log_callback()) return;|const std::string&)> cb) {
+plain|clips|src/messaging/messaging.cpp|ThreadRole::HOST && !in_host_callback()) return false;|ThreadRole::HOST) return false;
+plain|clips|src/messaging/messaging.cpp|ThreadRole::HOST && !in_host_callback()) return false;|!in_host_callback()) return false;
+plain|clips|src/clips/upload_pool.cpp|if (thread_role() == ThreadRole::UPLOADER) {|if (false) {
+plain|clips|src/messaging/messaging.cpp|published_stats = CloudStats();  // the totals count from this connect|
+plain|clips|src/messaging/stats.cpp|if (state != CLIP_CONFIRMED && state != CLIP_FAILED) return;|if (state != CLIP_CONFIRMED) return;
+plain|clips|src/messaging/stats.cpp|++published_stats.clips_uploaded;|
+plain|clips|src/messaging/stats.cpp|published_stats.last_upload_error = status.message;|
+plain|clips|src/messaging/stats.cpp|s.credentials_held = static_cast<int64_t>(credentials.size());|s.credentials_held = static_cast<int64_t>(credentials.size()) + 1;
+plain|clips|src/upload/rate_limiter.cpp|if (rate == 0 \|\| want == 0) return want;|if (rate != 0 \|\| want == 0) return want;
+plain|clips|src/upload/rate_limiter.cpp|count() * rate);|count() * rate * 2);
+plain|clips|src/upload/rate_limiter.cpp|tokens_ -= static_cast<double>(granted);|
+plain|clips|src/upload/uploader.cpp|kStallSeconds = 60;|kStallSeconds = 600;
+plain|clips,link|src/messaging/messaging.cpp|kDisconnectWait = std::chrono::seconds(30);|kDisconnectWait = std::chrono::seconds(3000);
+plain|clips,link|src/messaging/messaging.cpp|kWorkerStopBound = std::chrono::seconds(31);|kWorkerStopBound = std::chrono::seconds(3100);
+# --- The exit path and the other hold-the-line additions
 EOF
 )
 
-mapfile -t rows <<<"$faults"
+mapfile -t rows < <(grep -v -e '^#' -e '^$' <<<"$faults")
 if [ "${1:-}" = "--list" ]; then
   for i in "${!rows[@]}"; do printf '%2d %s\n' $((i + 1)) "${rows[$i]}"; done
   exit 0
@@ -144,26 +201,70 @@ targets_of() {
   echo "$t"
 }
 
+# Whether the chosen row n is in this run.
+chosen() { [ "${#picked[@]}" = 0 ] || [[ " ${picked[*]} " == *" $1 "* ]]; }
+
+# The suites of the chosen rows built with kind, as "a|b|c".
+suites_of_kind() {
+  local all=""
+  for i in "${!rows[@]}"; do
+    chosen $((i + 1)) || continue
+    IFS='|' read -r kind suites _ <<<"${rows[$i]}"  # neither holds a "|"
+    [ "$kind" = "$1" ] && all="$all,$suites"
+  done
+  tr ',' '\n' <<<"$all" | sed '/^$/d' | sort -u | paste -sd'|'
+}
+
+# Verdict on a failed test run (its log and ctest's status): "killed WHAT" or "aborted WHAT".
+# Only a test that failed kills; a program that ended any other way proves nothing.
+judge() {
+  local log=$1 rc=$2
+  if grep -q "Peer did not start: " "$log"; then echo "aborted a peer did not start"
+  elif [ "$rc" = 124 ]; then echo "killed time limit"
+  elif grep -q -e '\*\*\*Timeout' -e 'Watchdog: ' "$log"; then echo "killed hang"
+  elif grep -q -e '^\[  FAILED  \] ' -e 'WARNING: ThreadSanitizer: ' "$log"; then
+    echo "killed $(grep -m1 -E '\*\*\*(Failed|Exception)' "$log" | sed 's/^ *//')"
+  else echo "aborted $(grep -m1 -E '\*\*\*(Failed|Exception)' "$log" | sed 's/^ *//')"
+  fi
+}
+
 sync_tree
 # A run that was cut short may have left a fault's object behind: rebuild that file.
 [ -f "$work/dirty" ] && touch "$tree/$(cat "$work/dirty")"
+run_start=$(date +%s)
 configure plain "" || exit 2
 echo "== building the unmutated tree"
 cmake --build "$work/plain" -j2 >"$work/build.log" 2>&1 || { tail -30 "$work/build.log"; exit 2; }
-need_tsan=0
-for r in "${rows[@]}"; do [[ "$r" == tsan* ]] && need_tsan=1; done
-if [ "$need_tsan" = 1 ]; then
+if [ -n "$(suites_of_kind tsan)" ]; then
   configure tsan thread || exit 2
-  cmake --build "$work/tsan" -j2 --target zel_upload_tests zel_clips_tests >>"$work/build.log" 2>&1 ||
-    { tail -30 "$work/build.log"; exit 2; }
+  # shellcheck disable=SC2046
+  cmake --build "$work/tsan" -j2 --target $(targets_of "$(suites_of_kind tsan | tr '|' ',')") \
+    >>"$work/build.log" 2>&1 || { tail -30 "$work/build.log"; exit 2; }
 fi
 
 export TSAN_OPTIONS=halt_on_error=1 UBSAN_OPTIONS=halt_on_error=1
 unset ZEL_DEBUG
-killed=0 survived=0 invalid=0
+# The baseline: every suite the chosen faults use, unmutated, must pass as it is.
+for kind in plain tsan; do
+  suites=$(suites_of_kind "$kind")
+  [ -n "$suites" ] || continue
+  echo "== the unmutated suites ($kind): ${suites//|/, }"
+  (cd "$work/$kind" && ctest -j2 -R "^($suites)\\." --timeout 300 --output-on-failure \
+    --no-tests=error >"$work/baseline-$kind.log" 2>&1)
+  rc=$?
+  if [ "$rc" != 0 ]; then
+    failing=$(sed -n '/The following tests FAILED:/,$p' "$work/baseline-$kind.log" | grep -E '^\s+[0-9]+ - ')
+    echo "The unmutated tree fails its own tests, so no fault was planted ($work/baseline-$kind.log):"
+    echo "${failing:-$(tail -5 "$work/baseline-$kind.log")}"
+    echo "failing suites: $(grep -oE ' - [a-z]+\.' <<<"$failing" | sed 's/ - //; s/\.$//' | sort -u | paste -sd' ')"
+    exit 2
+  fi
+done
+
+killed=0 survived=0 invalid=0 aborted=0
 for i in "${!rows[@]}"; do
   n=$((i + 1))
-  if [ "${#picked[@]}" -gt 0 ] && [[ " ${picked[*]} " != *" $n "* ]]; then continue; fi
+  chosen "$n" || continue
   row=${rows[$i]}
   kind=$(field "$row" 0) suites=$(field "$row" 1) file=$(field "$row" 2)
   old=$(field "$row" 3) new=$(field "$row" 4)
@@ -181,15 +282,19 @@ for i in "${!rows[@]}"; do
     start=$(date +%s)
     regex="^(${suites//,/|})\\."
     (cd "$work/$kind" && timeout -k 10 "$limit" ctest -j2 -R "$regex" --timeout 120 \
-      --stop-on-failure >"$work/test-$n.log" 2>&1)
+      --stop-on-failure --output-on-failure >"$work/test-$n.log" 2>&1)
     rc=$?
     secs=$(($(date +%s) - start))
     if [ "$rc" = 0 ]; then
       echo "survived $label (${secs}s)"; survived=$((survived + 1))
     else
-      what=$(grep -m1 -E '\*\*\*(Failed|Timeout|Exception)' "$work/test-$n.log" | sed 's/^ *//')
-      [ "$rc" = 124 ] && what="time limit"
-      echo "killed   $label (${secs}s) ${what:0:80}"; killed=$((killed + 1))
+      verdict=$(judge "$work/test-$n.log" "$rc")
+      what=${verdict#* }
+      if [[ "$verdict" == killed* ]]; then
+        echo "killed   $label (${secs}s) ${what:0:80}"; killed=$((killed + 1))
+      else
+        echo "aborted  $label (${secs}s) ${what:0:80}"; aborted=$((aborted + 1))
+      fi
     fi
   fi
   cp "$work/saved" "$tree/$file"  # restored, with a new time so that it is rebuilt
@@ -199,5 +304,8 @@ done
 for kind in plain tsan; do
   [ -d "$work/$kind" ] && cmake --build "$work/$kind" -j2 >/dev/null 2>&1
 done
-[ "$invalid" = 0 ] || echo "$invalid invalid (not counted)"
-echo "$killed killed, $survived survived"
+echo "$killed killed, $survived survived in $(( ($(date +%s) - run_start) / 60 )) min"
+if [ "$invalid" != 0 ] || [ "$aborted" != 0 ]; then
+  echo "$invalid invalid, $aborted aborted (not counted): the run does not stand until they are fixed"
+  exit 1
+fi

@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <mutex>
 
@@ -70,9 +71,46 @@ bool split_host_port(const std::string& in, std::string* host, std::string* port
   return true;
 }
 
-bool is_ip_address(const std::string& host) {
-  unsigned char buf[16];
-  return inet_pton(AF_INET, host.c_str(), buf) == 1 || inet_pton(AF_INET6, host.c_str(), buf) == 1;
+// An IP literal in binary form; bytes 0 for a name (which is never resolved here).
+struct IpLiteral {
+  unsigned char bytes[16] = {};
+  size_t size = 0;  // 4, 16 or 0
+};
+
+IpLiteral ip_literal(const std::string& text) {
+  IpLiteral ip;
+  if (inet_pton(AF_INET, text.c_str(), ip.bytes) == 1)
+    ip.size = 4;
+  else if (inet_pton(AF_INET6, text.c_str(), ip.bytes) == 1)
+    ip.size = 16;
+  return ip;
+}
+
+// An address entry, "ADDR" or "ADDR/PREFIX", against an IP target of the same family. As
+// libcurl reads them, prefix 0 (or none) compares the whole address; a prefix too long for
+// the family, or not a number, makes the entry match nothing.
+bool address_entry_matches(const std::string& entry, const IpLiteral& target) {
+  size_t slash = entry.find('/');
+  std::string addr = entry.substr(0, slash);
+  if (addr.size() > 1 && addr.front() == '[' && addr.back() == ']')
+    addr = addr.substr(1, addr.size() - 2);
+  const IpLiteral net = ip_literal(addr);
+  if (net.size == 0 || net.size != target.size) return false;
+  size_t bits = net.size * 8;
+  if (slash != std::string::npos) {
+    const std::string prefix = entry.substr(slash + 1);
+    if (prefix.empty() || prefix.size() > 3 ||
+        prefix.find_first_not_of("0123456789") != std::string::npos)
+      return false;
+    bits = std::stoul(prefix);
+    if (bits > net.size * 8) return false;
+    if (bits == 0) bits = net.size * 8;
+  }
+  const size_t whole = bits / 8;
+  if (std::memcmp(net.bytes, target.bytes, whole) != 0) return false;
+  if (bits % 8 == 0) return true;
+  const unsigned mask = 0xffu << (8 - bits % 8) & 0xffu;
+  return ((net.bytes[whole] ^ target.bytes[whole]) & mask) == 0;
 }
 
 std::string first_env(std::initializer_list<const char*> names) {
@@ -146,7 +184,9 @@ std::optional<ProxyRoute> parse_proxy_uri(const std::string& raw) {
 bool no_proxy_matches(const std::string& no_proxy, const std::string& target) {
   std::string host = lower(target);
   if (!host.empty() && host.back() == '.') host.pop_back();
-  const bool ip = is_ip_address(host);
+  if (host.size() > 1 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
+  const IpLiteral ip = ip_literal(host);
   size_t pos = 0;
   while (pos <= no_proxy.size()) {
     size_t end = no_proxy.find_first_of(", \t", pos);
@@ -154,10 +194,10 @@ bool no_proxy_matches(const std::string& no_proxy, const std::string& target) {
     std::string entry = lower(no_proxy.substr(pos, end - pos));
     pos = end + 1;
     if (entry == "*") return true;
-    if (!entry.empty() && entry[0] == '[' && entry.back() == ']')
-      entry = entry.substr(1, entry.size() - 2);
-    if (ip) {
-      if (entry == host) return true;
+    // An IP target meets only address entries, a name only name entries: nothing is
+    // resolved to decide.
+    if (ip.size != 0) {
+      if (address_entry_matches(entry, ip)) return true;
       continue;
     }
     if (!entry.empty() && entry[0] == '.') entry.erase(0, 1);

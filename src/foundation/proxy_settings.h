@@ -31,7 +31,8 @@ std::optional<ProxyRoute> parse_proxy_uri(const std::string& uri);
 
 // True when host (a name or an IP address, without port) is covered by a no_proxy list:
 // comma- or space-separated names, domain suffixes (".example.com" or "example.com"),
-// IP addresses, or "*".
+// IP addresses, address ranges ("10.0.0.0/8", "fd00::/8"), or "*". Addresses and ranges
+// match only a host given as an IP address, names only a name.
 bool no_proxy_matches(const std::string& no_proxy, const std::string& host);
 
 // What connect read: the proxy to use per target scheme, and the exceptions.

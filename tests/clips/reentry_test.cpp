@@ -36,7 +36,7 @@ class Reentry : public ::testing::Test {
       EXPECT_EQ(Upload::disconnect(), expected);
       EXPECT_LT(std::chrono::steady_clock::now() - t0, 32s);
     });
-    if (done.wait_for(40s) != std::future_status::ready) std::fprintf(stderr, "watchdog\n"), std::_Exit(1);
+    if (done.wait_for(40s) != std::future_status::ready) std::fprintf(stderr, "Watchdog: disconnect still blocked\n"), std::_Exit(1);
   }
   Cloud cloud{true, "{\"auto_storage\":true}"};
   LogCapture log;
@@ -109,6 +109,7 @@ TEST_F(Reentry, PoolSizeSurvivesReconnectionAndShrinkingDoesNotWait) {
   EXPECT_TRUE(Upload::connect(cloud.params(), nullptr, nullptr, {}));  // the identity, rewritten as both report
   stop = true, a.join(), b.join();
   EXPECT_TRUE(cloud.sent("version", connects++, 10s));
+  EXPECT_EQ(Upload::stats().connections, 1);  // counted from this connect
   Reports r[3];
   for (int i = 0; i < 3; ++i) Upload::upload_clip(clip(1614600000 + 100 * i, r[i]), no_limit);
   for (auto& one : r) EXPECT_TRUE(one.wait(zel::CLIP_UPLOADING, 10s));

@@ -45,19 +45,20 @@ long Event::num(const char* name) const {
 Peer::Peer(const std::string& program, const std::vector<std::string>& args) {
   int to[2], from[2];
   if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  // The peer's stderr goes to a nameless file: the reason if it does not start; shown at its end.
+  if ((err_ = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600)) < 0) throw std::runtime_error("stderr");
   std::vector<std::string> words = {"/usr/bin/python3", ZEL_SOURCE_DIR "/tools/cloud/" + program};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
   if ((pid_ = fork()) == 0) {
-    dup2(to[0], 0);
-    dup2(from[1], 1);
+    dup2(to[0], 0), dup2(from[1], 1), dup2(err_, 2);
     execv(argv[0], argv.data());
     _exit(127);
   }
-  close(to[0]);
-  close(from[1]);
+  if (pid_ < 0) throw std::runtime_error("fork");
+  close(to[0]), close(from[1]);
   in_ = to[1];
   reader_ = std::thread([this, fd = from[0]] {
     std::string buf;
@@ -83,15 +84,30 @@ Peer::Peer(const std::string& program, const std::vector<std::string>& args) {
     cv_.notify_all();
   });
   auto up = wait([](const Event& e) { return e.kind == "listening"; }, 0, 60s);
-  if (!up) throw std::runtime_error(program + " did not start");
+  if (!up) {
+    // A throw, not an exit: the test fails with the reason and the next one runs; the
+    // child and the readers go first, as a destructor would have taken them.
+    std::string why = kPeerDidNotStart + program + ": " + stderr_text();
+    stop();
+    throw std::runtime_error(why);
+  }
   up_ = *up;
 }
 
-Peer::~Peer() {
+Peer::~Peer() { stop(); }
+
+void Peer::stop() {
   close(in_);
   for (int i = 0; i < 100 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i) usleep(50000);
   if (kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
   reader_.join();
+  std::fputs(stderr_text().c_str(), stderr);
+  close(err_);
+}
+
+std::string Peer::stderr_text() const {
+  std::string text(8192, '\0');
+  return text.substr(0, static_cast<size_t>(std::max<ssize_t>(0, pread(err_, &text[0], text.size(), 0))));
 }
 
 Event Peer::command(const std::string& json_object, Ms timeout) {

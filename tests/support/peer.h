@@ -31,9 +31,13 @@ struct Event {
   long num(const char* member) const;  // -1 when absent
 };
 
+// What a test fails with when a peer cannot start (then its stderr follows).
+constexpr const char* kPeerDidNotStart = "Peer did not start: ";
+
 class Peer {
  public:
-  // Runs tools/cloud/<program> and waits for its "listening" event (which names its port).
+  // Runs tools/cloud/<program> and waits for its "listening" event (which names its port);
+  // throws when that never comes, the child ended.
   Peer(const std::string& program, const std::vector<std::string>& args);
   ~Peer();  // closing its input ends the program
   const Event& listening() const { return up_; }
@@ -53,7 +57,10 @@ class Peer {
   std::vector<Event> events_;
   std::mutex mu_;
   std::condition_variable cv_;
+  int err_ = -1;  // the peer's stderr
   std::thread reader_;
+  void stop();
+  std::string stderr_text() const;
 };
 
 constexpr const char* kMac = "00:AA:BB:CC:DD:EE";
