@@ -140,6 +140,8 @@ struct CloudStats {
   int64_t bytes_uploaded = 0;
   std::string last_upload_error;  // the message of the last failed upload
   int64_t last_upload_error_at = 0;
+  int64_t blocks_retried = 0;         // tries of a block after a failed one
+  int64_t credentials_refreshed = 0;  // fresh credentials a block upload received
 };
 
 }  // namespace zel

@@ -4,13 +4,17 @@
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
+#include "upload/block_settings.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
 
 CloudStats Messaging::stats() {
   std::lock_guard<std::mutex> lock(stats_mutex);
-  return published_stats;
+  CloudStats s = published_stats;
+  s.blocks_retried = block_counters().blocks_retried;
+  s.credentials_refreshed = block_counters().credentials_refreshed;
+  return s;
 }
 
 void Messaging::publish_stats() {
