@@ -55,6 +55,21 @@ ACCOUNT = "devstoreaccount1"
 ACCOUNT_KEY = "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw=="
 
 
+def sas_token(permissions="racwdl", valid_s=86400):
+    """An account SAS for the development account, valid for valid_s seconds from now."""
+    now = datetime.datetime.now(datetime.timezone.utc)
+    fmt = "%Y-%m-%dT%H:%M:%SZ"
+    start = (now - datetime.timedelta(hours=1)).strftime(fmt)
+    expiry = (now + datetime.timedelta(seconds=valid_s)).strftime(fmt)
+    version = "2020-04-08"
+    to_sign = "\n".join([ACCOUNT, permissions, "b", "sco", start, expiry, "", "https", version, ""])
+    sig = base64.b64encode(hmac.new(base64.b64decode(ACCOUNT_KEY), to_sign.encode(),
+                                    hashlib.sha256).digest()).decode()
+    query = {"sv": version, "ss": "b", "srt": "sco", "sp": permissions, "st": start,
+             "se": expiry, "spr": "https", "sig": sig}
+    return urllib.parse.urlencode(query)
+
+
 class BlobStorage:
     """The emulator; location None keeps the data in memory. Port 0: its own choice."""
 
@@ -99,18 +114,8 @@ class BlobStorage:
         return ".blob.localhost:%d" % self.port
 
     def sas_token(self, permissions="racwdl", valid_s=86400):
-        """An account SAS for the development account."""
-        now = datetime.datetime.now(datetime.timezone.utc)
-        fmt = "%Y-%m-%dT%H:%M:%SZ"
-        start = (now - datetime.timedelta(hours=1)).strftime(fmt)
-        expiry = (now + datetime.timedelta(seconds=valid_s)).strftime(fmt)
-        version = "2020-04-08"
-        to_sign = "\n".join([ACCOUNT, permissions, "b", "sco", start, expiry, "", "https", version, ""])
-        sig = base64.b64encode(hmac.new(base64.b64decode(ACCOUNT_KEY), to_sign.encode(),
-                                        hashlib.sha256).digest()).decode()
-        query = {"sv": version, "ss": "b", "srt": "sco", "sp": permissions, "st": start,
-                 "se": expiry, "spr": "https", "sig": sig}
-        return urllib.parse.urlencode(query)
+        return sas_token(permissions, valid_s)
+
 
     def _open(self, method, path, query=""):
         url = "https://127.0.0.1:%d/%s/%s?%s%s" % (self.port, ACCOUNT, path, query, self.sas_token())
