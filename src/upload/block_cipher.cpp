@@ -59,39 +59,52 @@ bool BlockCipher::begin(uint64_t n, uint64_t block_bytes, const unsigned char* c
   return !error;
 }
 
-// One round: the next plaintext through the cipher, the final block after the last.
-bool BlockCipher::refill() {
+size_t BlockCipher::round_output() const {
+  const size_t want = static_cast<size_t>(std::min<uint64_t>(plain_left, kRound));
+  return padded && want == plain_left ? want / kBlock * kBlock + kBlock : want;
+}
+
+// One round into dest (room for round_output() bytes): the next plaintext through the
+// cipher, and the final block after the last. Returns the bytes made, 0 on an error.
+size_t BlockCipher::encrypt_round(unsigned char* dest) {
   const size_t want = static_cast<size_t>(std::min<uint64_t>(plain_left, kRound));
   int produced = 0;
   if (want > 0) {
     // A file that shrank since it was measured comes short here: the block fails.
     if (fread(in.data(), 1, want, file.get()) != want ||
-        EVP_EncryptUpdate(ctx.get(), out.data(), &produced, in.data(), static_cast<int>(want)) != 1) {
+        EVP_EncryptUpdate(ctx.get(), dest, &produced, in.data(), static_cast<int>(want)) != 1) {
       error = true;
-      return false;
+      return 0;
     }
     plain_left -= want;
   }
   if (plain_left == 0) {
     int final_len = 0;
-    if (EVP_EncryptFinal_ex(ctx.get(), out.data() + produced, &final_len) != 1) {
+    if (EVP_EncryptFinal_ex(ctx.get(), dest + produced, &final_len) != 1) {
       error = true;
-      return false;
+      return 0;
     }
     produced += final_len;
     finished = true;
   }
-  out_pos = 0;
-  out_len = static_cast<size_t>(produced);
-  if (out_len >= kBlock) memcpy(last, out.data() + out_len - kBlock, kBlock);
-  return true;
+  const size_t made = static_cast<size_t>(produced);
+  if (made >= kBlock) memcpy(last, dest + made - kBlock, kBlock);
+  return made;
 }
 
 size_t BlockCipher::read(char* buf, size_t cap) {
   size_t given = 0;
   while (given < cap && !error) {
     if (out_pos == out_len) {
-      if (finished || !refill()) break;
+      if (finished) break;
+      // Straight into the caller's buffer when a whole round fits (libcurl's buffer is
+      // one round): a copy per byte would cost as much as a tenth of the encryption.
+      if (cap - given >= round_output()) {
+        given += encrypt_round(reinterpret_cast<unsigned char*>(buf) + given);
+        continue;
+      }
+      out_pos = 0;
+      out_len = encrypt_round(out.data());
       continue;
     }
     const size_t n = std::min(cap - given, out_len - out_pos);

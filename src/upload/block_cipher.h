@@ -42,7 +42,8 @@ class BlockCipher {
   struct CtxFree {
     void operator()(EVP_CIPHER_CTX* c) const;
   };
-  bool refill();
+  size_t round_output() const;
+  size_t encrypt_round(unsigned char* dest);
 
   std::unique_ptr<FILE, FileCloser> file;
   std::unique_ptr<EVP_CIPHER_CTX, CtxFree> ctx;
