@@ -12,7 +12,7 @@
 //      fault_relay.py: a 20 MB clip at 200 kB/s with the default time-out (goal: blocks
 //      confirmed, where the single PUT fails), and a 100000000-byte clip at 2 MB/s reset
 //      for 1 s every 15 s (goal: confirmed; ciphertext read <= size + resets x block).
-// Usage: zel_upload_bench [repetitions=3] | zel_upload_bench blocks [repetitions=3]
+// Usage: zel_upload_bench [repetitions=3] | zel_upload_bench blocks|blocks-fast [repetitions=3]
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -309,7 +309,7 @@ Outcome upload_once(const std::string& clip, size_t size, int64_t start_time, ui
   return o;
 }
 
-void bench_blocks(Emulator& em, const std::string& dir, const std::string& big, int reps) {
+void bench_blocks(Emulator& em, const std::string& dir, const std::string& big, int reps, bool fast_only) {
   const double cipher = static_cast<double>(kBigClip / 16 * 16 + 16);
   printf("\n== 4. Block mode (%llu-byte blocks) against the single PUT\n",
          static_cast<unsigned long long>(kBenchBlock));
@@ -324,7 +324,9 @@ void bench_blocks(Emulator& em, const std::string& dir, const std::string& big, 
       Outcome o = upload_once(big, kBigClip, start++, block, 600);
       double c = cpu_seconds() - c0;
       if (!o.ok) throw std::runtime_error("upload failed: " + o.message);
-      if (!best.count(block) || o.seconds < best[block]) best[block] = o.seconds, cpu[block] = c;
+      // Each at its best: CPU time on a shared machine is as noisy as wall time.
+      best[block] = best.count(block) ? std::min(best[block], o.seconds) : o.seconds;
+      cpu[block] = cpu.count(block) ? std::min(cpu[block], c) : c;
     }
   }
   double speed = best[0] / best[kBenchBlock];
@@ -335,6 +337,7 @@ void bench_blocks(Emulator& em, const std::string& dir, const std::string& big, 
   printf("  goal: blocks >= 0.95 of the single PUT: %.2f %s; CPU per GB within 5 %%: %.2f %s\n", speed,
          verdict(speed >= 0.95), cpu_ratio, verdict(cpu_ratio <= 1.05));
 
+  if (fast_only) return;
   // Through the relay: the uplink of a recorder, one clip in flight.
   em.restart();
   setenv("ZEL_BENCH_SAS", zt::storage_token().c_str(), 1);
@@ -445,7 +448,9 @@ void bench_memory(Emulator& em, const std::string& dir, const std::string& big) 
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "--child-upload") == 0) return child_upload(argc, argv);
-  const bool blocks_only = argc > 1 && std::strcmp(argv[1], "blocks") == 0;
+  // "blocks": section 4 alone; "blocks-fast": its loopback figure alone.
+  const bool fast_only = argc > 1 && std::strcmp(argv[1], "blocks-fast") == 0;
+  const bool blocks_only = fast_only || (argc > 1 && std::strcmp(argv[1], "blocks") == 0);
   if (blocks_only) --argc, ++argv;
   int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
   try {
@@ -462,7 +467,7 @@ int main(int argc, char** argv) {
       bench_upload(em, dir, big, reps);
       bench_memory(em, dir, big);
     }
-    bench_blocks(em, dir, big, reps);
+    bench_blocks(em, dir, big, reps, fast_only);
 
   } catch (const std::exception& e) {
     fprintf(stderr, "upload bench failed: %s\n", e.what());
