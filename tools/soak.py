@@ -4,7 +4,7 @@ against the local cloud while breaking the cloud
 around it, then reports whether the library held.
 
 Usage:
-  soak.py [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
+  soak.py [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8] [--block-bytes N]
           [--clip-bytes N] [--state DIR] [--keep] [--seed N]
 
 Everything listens on 127.0.0.1. The run lasts --minutes (10 by default) or --hours;
@@ -616,7 +616,7 @@ class Soak(NetworkFaults):
                     "--cert", os.path.join(self.certs, "client.pem"), "--key", os.path.join(self.certs, "client.key"),
                     "--camera", CAMERA, "--seconds", str(self.total_s), "--clip-bytes", str(self.args.clip_bytes),
                     "--clip-every", "4", "--dir", self.clip_dir, "--final-wait", "60",
-                    "--baseline-on-command", "1"]
+                    "--baseline-on-command", "1", "--block-bytes", str(self.args.block_bytes)]
         self.host_err = open(os.path.join(self.state, "host.stderr"), "w")
         self.host_log = open(os.path.join(self.state, "host.out"), "w", buffering=1)
         self.host = subprocess.Popen(host_cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.host_err,
@@ -950,6 +950,8 @@ def main():
     parser.add_argument("--state", help="working directory (default: a temporary one, removed at the end)")
     parser.add_argument("--keep", action="store_true", help="keep the temporary working directory")
     parser.add_argument("--seed", type=int, default=None)
+    parser.add_argument("--block-bytes", type=int, default=0,
+                        help="upload clips in blocks of this size (Upload::set_block_upload; 0: one PUT)")
     parser.add_argument("--no-faults", action="store_true",
                         help="the same load on a calm cloud: a reference for the resource figures")
     args = parser.parse_args()

@@ -328,7 +328,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
                  "[--seconds N] [--clip-bytes N] [--clip-every S] [--dir DIR] [--camera MAC] "
-                 "[--final-wait S] [--report-every S] [--warmup S] [--baseline-on-command 1]\n",
+                 "[--final-wait S] [--report-every S] [--warmup S] [--baseline-on-command 1] "
+                 "[--block-bytes N]\n",
                  argv[0]);
     return 2;
   }
@@ -371,6 +372,9 @@ int main(int argc, char** argv) {
     emit("{\"log\":" + json_string(line.substr(0, 400)) + ",\"level\":" + std::to_string(level) +
          ",\"t\":" + fixed(elapsed_s(), 3) + "}");
   });
+
+  // Block mode for the slow and resetting uplinks: 0 keeps one PUT per clip.
+  if (!zel::Upload::set_block_upload(static_cast<uint64_t>(num("--block-bytes", 0)))) return 2;
 
   zel::CloudConnect cc;
   cc.server_uri = arg["--server"];

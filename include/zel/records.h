@@ -152,6 +152,8 @@ struct CloudStats {
   bool clock_unset = false;  // the clock reads before this build was made: TLS cannot work
   int64_t reconnect_attempts = 0;  // connection attempts since connect
   int64_t next_attempt_at = 0;     // when the next is due; 0 while linked or trying
+  int64_t blocks_retried = 0;         // tries of a block after a failed one
+  int64_t credentials_refreshed = 0;  // fresh credentials a block upload received
 };
 
 }  // namespace zel

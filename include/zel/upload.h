@@ -85,6 +85,11 @@ class ZEL_EXPORT Upload {
   // Any time; running uploads follow within a second. A capped upload that runs past its
   // time-out fails like any slow upload.
   static void set_upload_rate_limit(uint64_t bytes_per_second);
+  // Uploads clips handed to the pool from now on in blocks of this many ciphertext bytes
+  // (Put Block, Put Block List), so a fault costs one block, retried, not the clip; any
+  // time, kept across reconnections. 0, the default: one PUT per clip. Otherwise a
+  // multiple of 16 from 262144 to 104857600; anything else returns false, changing nothing.
+  static bool set_block_upload(uint64_t block_bytes);
 
   // The HTTP proxy for the link and the uploads from the next connect on, in place of
   // https_proxy/http_proxy from the environment (no_proxy still applies):

@@ -2,6 +2,7 @@
 // clip that waits for them.
 #include "foundation/time_utils.h"
 #include "messaging/messaging.h"
+#include "upload/uploader_cluster.h"
 
 namespace zel {
 
@@ -17,7 +18,12 @@ void Messaging::set_credentials(CloudCredentials creds) {
   credentials[key] = creds;
 
   auto it = pending_clips.find(key);
-  if (it == pending_clips.end() || it->second.in_flight) return;
+  if (it == pending_clips.end()) return;
+  if (it->second.in_flight) {
+    // A block upload that asked for them mid-clip takes them; a single PUT never asks.
+    if (uploaders) uploaders->credential_board().deliver(key, creds);
+    return;
+  }
   PendingClip& entry = it->second;
   report_clip(entry.clip, CLIP_UPLOAD_STARTED, "");
   entry.state = CLIP_UPLOAD_STARTED;

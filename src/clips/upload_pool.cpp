@@ -5,6 +5,7 @@
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
+#include "upload/block_settings.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -22,6 +23,8 @@ constexpr unsigned kMaxUploadThreads = 64;
 void Messaging::start_upload_pool(const std::string& ca_path) {
   std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   uploaders.reset(new UploaderCluster(ca_path));
+  block_counters().blocks_retried = 0;  // the totals count from connect
+  block_counters().credentials_refreshed = 0;
   uploaders->set_size(upload_threads);
   update_counts();
 }
@@ -96,6 +99,16 @@ void Messaging::reap_stuck_pools() {
 
 void Messaging::manage_upload_threads() {
   if (!uploaders) return;
+  // Block uploads that need fresh credentials mid-clip: asked once per link, so a request
+  // lost with a dropped link goes again after the reconnection.
+  for (const std::string& key : uploaders->credential_board().take_requests(stats().connections)) {
+    auto it = pending_clips.find(key);
+    if (it == pending_clips.end()) continue;
+    WebSocketClient::instance().send_message(
+        makeMessage(device_info, "zel-inbound", "storage_access_request",
+                    upload_record_start(it->second), true),
+        false);
+  }
   for (const ClipReport& r : apply_upload_statuses(uploaders->get_statuses()))
     report_clip(r.clip, r.state, r.message);
 }

@@ -5,6 +5,7 @@
 #include "foundation/tls_policy.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
+#include "upload/block_settings.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -29,6 +30,8 @@ CloudStats Messaging::stats() {
   s.clock_unset = clock_unset();
   s.reconnect_attempts = link.reconnect_attempts();
   s.next_attempt_at = link.next_attempt_at();
+  s.blocks_retried = block_counters().blocks_retried;
+  s.credentials_refreshed = block_counters().credentials_refreshed;
   return s;
 }
 

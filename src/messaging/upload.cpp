@@ -7,6 +7,7 @@
 #include "foundation/proxy_settings.h"
 #include "foundation/tls_policy.h"
 #include "messaging/messaging.h"
+#include "upload/block_settings.h"
 #include "upload/rate_limiter.h"
 
 namespace zel {
@@ -119,6 +120,11 @@ void Upload::set_log_levels(int levels) {
 void Upload::set_upload_rate_limit(uint64_t bytes_per_second) {
   if (in_log_callback()) return;
   upload_rate_limiter().set_rate(bytes_per_second);
+}
+
+bool Upload::set_block_upload(uint64_t block_bytes) {
+  if (in_log_callback()) return false;
+  return set_block_bytes(block_bytes);
 }
 
 bool Upload::set_proxy(const std::string& proxy_uri) {

@@ -10,6 +10,10 @@
 #include "zel/records.h"
 
 namespace zel {
+class CredentialBoard;
+}
+
+namespace zel {
 
 struct UploadData {
   bool aborted = false;
@@ -30,6 +34,9 @@ struct UploadData {
   UploadProgressCallback progress;  // a non-zero result aborts; may be empty
   int64_t expected_size = -1;       // the clip's size at intake; negative: not checked
   const std::atomic<bool>* cancelled = nullptr;  // the pool's stop: ends the transfer when set
+  uint64_t block_bytes = 0;            // 0: one PUT; else Put Block of this size, then the list
+  int32_t credential_timeout_s = 10;   // how long a fresh-credentials request may take
+  CredentialBoard* board = nullptr;    // where a block upload asks for fresh credentials
 };
 
 struct UploadResult {

@@ -12,6 +12,7 @@
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "upload/block_upload.h"
 #include "upload/curl_proxy.h"
 #include "upload/curl_tls.h"
 #include "upload/curl_trace.h"
@@ -231,6 +232,10 @@ UploadResult Uploader::upload(UploadData& d) {
     return {false, 0, message};
   }
   curl_off_t size = static_cast<curl_off_t>(crypto.get_encrypted_size());
+  // A clip of one block or less gains nothing from blocks: it goes as one PUT.
+  if (d.block_bytes > 0 && static_cast<uint64_t>(size) > d.block_bytes) {
+    return BlockUpload(*this, d, url, static_cast<uint64_t>(size)).run();
+  }
 
   curl_slist* raw = nullptr;
   // x_ms_date deliberately carries the clip's start second, not an HTTP date.

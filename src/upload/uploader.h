@@ -22,6 +22,7 @@ std::string blob_domain();
 
 class Uploader {
  public:
+  friend class BlockUpload;  // sends its blocks on this handle
   explicit Uploader(const std::string& ca_file);
   ~Uploader();
   Uploader(const Uploader&) = delete;

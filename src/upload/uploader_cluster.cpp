@@ -5,6 +5,7 @@
 
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "upload/block_settings.h"
 #include "upload/uploader.h"
 #include "upload/uploader_thread.h"
 
@@ -40,6 +41,9 @@ void UploaderCluster::upload(const PendingClip& clip) {
   d->progress = clip.opts.upload_callback;
   d->expected_size = clip.clip.size;
   d->cancelled = &cancelled;
+  d->block_bytes = block_bytes();
+  d->credential_timeout_s = clip.opts.timeout_seconds;
+  d->board = &board;
   std::lock_guard<std::mutex> lock(queue_mutex);
   queue.push_back(std::move(d));
   work_ready.notify_one();
@@ -99,6 +103,7 @@ void UploaderCluster::reap_retired() {
 
 bool UploaderCluster::stop(std::chrono::steady_clock::time_point deadline) {
   cancelled = true;
+  board.stop();  // back-off and credential waits end at once
   std::vector<std::shared_ptr<UploaderThread>> ending;
   {
     std::lock_guard<std::mutex> lock(pool_mutex);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "clips/pending_clip.h"
+#include "upload/credential_board.h"
 #include "upload/upload_data.h"
 #include "upload/upload_status.h"
 
@@ -49,6 +50,8 @@ class UploaderCluster {
   unsigned size();
   // Jobs queued and not yet taken by a thread.
   size_t queued();
+  // Where block uploads ask for fresh credentials and the worker answers them.
+  CredentialBoard& credential_board() { return board; }
   // Removes the jobs no thread has started and returns their keys (camera MAC followed
   // by the decimal start second), oldest first, so the caller can fail those clips.
   std::vector<std::string> take_queued_keys();
@@ -69,6 +72,7 @@ class UploaderCluster {
   std::vector<std::shared_ptr<UploaderThread>> retired;
   // Read by every transfer's progress check: set, it ends the transfer.
   std::atomic<bool> cancelled{false};
+  CredentialBoard board;
   std::deque<std::shared_ptr<UploadData>> queue;
   std::vector<UploadStatus> statuses;
   std::mutex queue_mutex;  // guards queue, statuses and every thread's stop flag

@@ -231,6 +231,46 @@ TEST_F(Pipeline, SnapshotFollowsClipsAndTheLink) {
   EXPECT_GT(zel::Upload::stats().last_disconnected_at, 0);
 }
 
+// Block mode's fresh credentials mid-clip: a token the storage refuses brings one more
+// storage access request and the clip goes on; a token about to run out (the clock moved
+// a day on) brings another whose new secret starts the clip again from its first block.
+TEST_F(Pipeline, BlocksAskForFreshCredentialsMidClip) {
+  for (uint64_t refused : {uint64_t{262128}, uint64_t{262152}, uint64_t{104857616}}) EXPECT_FALSE(zel::Upload::set_block_upload(refused));
+  ASSERT_TRUE(zel::Upload::set_block_upload(262144));
+  Device device(cloud, cc);
+  std::string path = dir.file("m.mp4", random_bytes(3 * 262144 + 5, 9)), spoilt = token;
+  spoilt.replace(spoilt.find("sig=") + 4, 4, "AAAA");
+  auto blob = [] { return storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/" +
+                                            std::to_string(kStart) + ".mp4\"}").str("sha256"); };
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"storage_token\":\"" + spoilt + "\"}"));
+  Reports r;
+  zel::Upload::upload_clip(clip(path, kStart, r));
+  ASSERT_TRUE(cloud.sent("storage_access_request"));
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"storage_token\":\"" + token + "\"}"));
+  ASSERT_TRUE(r.wait(zel::CLIP_CONFIRMED)) << r.message(zel::CLIP_FAILED);
+  EXPECT_EQ(r.states(), (States{0, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(blob(), sha256_hex(openssl_enc(path, "clip-secret-1")));
+
+  zel::Upload::set_upload_rate_limit(1 << 19);
+  Reports again;
+  bool moved = false;
+  zel::Upload::upload_clip(clip(path, kStart, again), {1, 10, 30, [&](const std::string&, int, int64_t, int64_t) {
+                             if (!moved) moved = true, zel::advance_clock(86400);
+                             return 0;
+                           }});
+  ASSERT_TRUE(cloud.sent("storage_access_request", 2));
+  std::string two_days = storage().command("{\"cmd\":\"sas\",\"valid_s\":172800}").str("token");
+  EXPECT_TRUE(cloud.ok("{\"cmd\":\"set\",\"storage_token\":\"" + two_days + "\",\"storage_secret\":\"clip-secret-2\"}"));
+  ASSERT_TRUE(again.wait(zel::CLIP_CONFIRMED)) << again.message(zel::CLIP_FAILED);
+  zel::Upload::set_upload_rate_limit(0);
+  zel::advance_clock(-zel::clock_offset());
+  EXPECT_EQ(blob(), sha256_hex(openssl_enc(path, "clip-secret-2")));
+  EXPECT_TRUE(cloud.sent("storage_access_request", 3));
+  EXPECT_FALSE(cloud.sent("storage_access_request", 4, 200ms));
+  EXPECT_EQ(zel::Upload::stats().credentials_refreshed, 2);
+  zel::Upload::set_block_upload(0);
+}
+
 // The host's own log: every line without its newline, libcurl's too, and no secret in any
 // line, whatever the server sends: credentials in fragments, cut short, under a bad subject.
 TEST_F(Pipeline, HostLogGetsExactLinesAndNoSecret) {

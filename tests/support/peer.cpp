@@ -136,6 +136,11 @@ size_t Peer::count(const std::function<bool(const Event&)>& match) {
   return static_cast<size_t>(std::count_if(events_.begin(), events_.end(), match));
 }
 
+void Peer::line(const std::string& text) {
+  std::string l = text + "\n";
+  EXPECT_EQ(write(in_, l.data(), l.size()), static_cast<ssize_t>(l.size()));
+}
+
 bool Peer::ok(const std::string& json_object, Ms timeout) {
   std::string kind = command(json_object, timeout).kind;
   return kind == "sent" || kind == "done";

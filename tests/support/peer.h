@@ -47,6 +47,7 @@ class Peer {
   std::optional<Event> wait(const std::function<bool(const Event&)>& match, size_t nth = 0, Ms timeout = 5s);
   size_t count(const std::function<bool(const Event&)>& match);
   bool ok(const std::string& json_object, Ms timeout = 10s);  // a command carried out
+  void line(const std::string& text);  // one raw line, for a program that takes no JSON
 
  private:
   pid_t pid_ = -1;

@@ -4,6 +4,9 @@
 
 #include "foundation/time_utils.h"
 #include "support/peer.h"
+#include "upload/block_settings.h"
+#include "upload/rate_limiter.h"
+#include "upload/retry_policy.h"
 #include "upload/streaming_crypto.h"
 #include "upload/uploader.h"
 #include "upload/uploader_cluster.h"
@@ -107,6 +110,94 @@ TEST_F(Upload, RequestAsItLeaves) {
     EXPECT_EQ(head.find("Expect: 100-continue") != std::string::npos, expect > 0);
     EXPECT_EQ(storage().wait([](const Event& e) { return e.kind == "request"; }, seen)->str("sha256"), sha);
   }
+}
+
+constexpr uint64_t kBlock = 262144;
+
+// Sizes around a block's edge: the committed blob is the single PUT's, byte for byte.
+TEST_F(Upload, BlocksAroundTheEdgeCommitTheSameBlob) {
+  int64_t start = 1704090000;
+  for (uint64_t size : {kBlock - 16, kBlock, kBlock + 1, 3 * kBlock + 5}) {
+    SCOPED_TRACE(size);
+    std::string path = dir.file("b" + std::to_string(size), random_bytes(size, static_cast<unsigned>(size)));
+    zel::UploadData d = job(path, ++start);
+    d.block_bytes = kBlock;
+    zel::UploadResult r = uploader.upload(d);
+    EXPECT_TRUE(r.success) << r.message;
+    EXPECT_EQ(r.bytes, size / 16 * 16 + 16);
+    EXPECT_EQ(storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/aabbccddeeff/2024-01-01/" +
+                                std::to_string(start) + ".mp4\"}").str("sha256"), sha256_hex(openssl_enc(path, kSecret)));
+  }
+}
+
+// The requests as they leave, and the service's answers that end a clip.
+TEST_F(Upload, BlockRequestsAndTheAnswersThatEndThem) {
+  zel::set_backoff_cap(10ms);
+  std::string path = dir.file("clip.mp4", random_bytes(2 * kBlock + 5, 3));  // blocks of 262144, 262144, 16
+  const std::string q = "PUT /0011223344aa/aabbccddeeff/2024-01-01/1704067200.mp4?sv=1&sig=x&comp=";
+  const std::string list = "<?xml version=\"1.0\" encoding=\"utf-8\"?><BlockList><Latest>MDAwMDAw</Latest>"
+                           "<Latest>MDAwMDAx</Latest><Latest>MDAwMDAy</Latest></BlockList>";
+  const std::vector<std::string> sent = {q + "block&blockid=MDAwMDAw 262144", q + "block&blockid=MDAwMDAx 262144",
+                                         q + "block&blockid=MDAwMDAy 16", q + "blocklist " + sha256_hex(list)};
+  std::vector<std::string> twice = sent;
+  twice.insert(twice.end(), sent.begin(), sent.end());
+  const std::string lost = "{\"status\":400,\"headers\":{\"x-ms-error-code\":\"InvalidBlockList\"}}";
+  struct Row {
+    std::string answer, message;
+    std::vector<std::string> requests;
+  } rows[] = {
+      {"\"status\":201}", "", sent},
+      {"\"status\":503}", kFailed + "No error HTTP Status Code: 503 - block 1 of 3 failed 8 times",
+       std::vector<std::string>(8, sent[0])},
+      {"\"status\":201,\"when\":{\"comp=blocklist\":" + lost + "}}",  // restarted once, then given up
+       kFailed + "No error HTTP Status Code: 400 - InvalidBlockList - block list", twice},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.answer);
+    long port = storage().command("{\"cmd\":\"record\"," + row.answer).num("port");
+    setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(port)).c_str(), 1);
+    auto is_request = [](const Event& e) { return e.kind == "request"; };
+    size_t seen = storage().count(is_request);
+    zel::UploadData d = job(path, 1704067200);
+    d.token = "sv=1&sig=x", d.block_bytes = kBlock;
+    zel::UploadResult r = uploader.upload(d);
+    EXPECT_EQ(r.success ? "" : r.message, row.message);
+    std::vector<std::string> got;
+    for (size_t i = 0; i < row.requests.size(); ++i) {
+      Event e = storage().wait(is_request, seen + i).value_or(Event());
+      std::string head = e.str("head");
+      got.push_back(head.substr(0, head.find(" HTTP/1.1")) + " " +
+                    (head.find("blocklist") != std::string::npos ? e.str("sha256") : std::to_string(e.num("length"))));
+      EXPECT_EQ(head.find("x-ms-blob-type"), std::string::npos);
+      EXPECT_NE(head.find("\r\nx_ms_date: 1704067200\r\nx-ms-version: 2020-04-08\r\n"), std::string::npos);
+    }
+    EXPECT_EQ(got, row.requests);
+    EXPECT_FALSE(storage().wait(is_request, seen + row.requests.size(), 200ms));
+  }
+}
+
+// A reset in the middle of a block costs that block one more try, nothing else. The
+// pool's cap paces the sender (loopback's socket buffers would swallow a block at once).
+TEST_F(Upload, ResetMidBlockCostsOneRetry) {
+  zel::set_backoff_cap(10ms);
+  Peer relay("fault_relay.py", {"--relay", "blob=" + std::to_string(storage().listening().num("port"))});
+  setenv("ZEL_BLOB_DOMAIN", (".blob.localhost:" + std::to_string(relay.listening().num("port"))).c_str(), 1);
+  zel::upload_rate_limiter().set_rate(1536 * 1024);
+  std::string path = dir.file("clip.mp4", random_bytes(12 * kBlock, 5));
+  zel::UploadData d = job(path, 1704099000);
+  d.block_bytes = 4 * kBlock;
+  bool reset = false;
+  d.progress = [&](const std::string&, int, int64_t, int64_t sent) {
+    if (!reset && sent % (4 * kBlock) != 0) reset = true, relay.line("blob reset"), relay.line("blob pass");
+    return 0;
+  };
+  const int64_t retried = zel::block_counters().blocks_retried;
+  zel::UploadResult r = uploader.upload(d);
+  zel::upload_rate_limiter().set_rate(0);
+  EXPECT_TRUE(r.success && reset) << r.message;
+  EXPECT_EQ(zel::block_counters().blocks_retried - retried, 1);
+  EXPECT_EQ(storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/aabbccddeeff/2024-01-01/1704099000.mp4\"}")
+                .str("sha256"), sha256_hex(openssl_enc(path, kSecret)));
 }
 
 // Start, then outcome, once per clip; read while the threads write (for ThreadSanitizer).

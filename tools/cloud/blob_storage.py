@@ -10,13 +10,14 @@ Data stays in memory; the emulator listens on a port of its choosing. Events:
   {"event":"recording","port":N}      a recording endpoint is up (see "record")
   {"event":"request","head":..,"length":N,"sha256":..}   one request it received
 Commands (an optional "seq" is echoed in the answer):
-  {"cmd":"sas","permissions":"racwdl"}  -> {"event":"sas","token":..}
+  {"cmd":"sas","permissions":"racwdl","valid_s":86400}  -> {"event":"sas","token":..}
   {"cmd":"container","name":..}         -> {"event":"done"}
   {"cmd":"blob","path":"container/name"} -> {"event":"blob","status":N,"length":N,
                                              "blob_type":..,"sha256":..}
   {"cmd":"record","status":N,"headers":{..},"body":..}: an HTTPS endpoint with the same
       certificate that answers every request so and reports it (what the emulator never
-      answers, and the exact request head)
+      answers, and the exact request head); "when":{"comp=blocklist":{"status":400,..}} answers
+      requests whose request line holds that text so instead
   {"cmd":"silent"} -> {"event":"silent","port":N}: an endpoint that takes connections
       and never reads or answers a byte (a peer that stopped answering)
   {"cmd":"stop"} kills the emulator as a crash would; {"cmd":"start"} brings it back on
@@ -52,6 +53,21 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ACCOUNT = "devstoreaccount1"
 # The emulator's published development key: not a secret.
 ACCOUNT_KEY = "Eby8vdM02xNOcqFlqUwJPLlmEtlCDXJ1OUzFT50uSRZ6IFsuFq2UVErCz4I6tq/K1SZFPTOtr/KBHBeksoGMGw=="
+
+
+def sas_token(permissions="racwdl", valid_s=86400):
+    """An account SAS for the development account, valid for valid_s seconds from now."""
+    now = datetime.datetime.now(datetime.timezone.utc)
+    fmt = "%Y-%m-%dT%H:%M:%SZ"
+    start = (now - datetime.timedelta(hours=1)).strftime(fmt)
+    expiry = (now + datetime.timedelta(seconds=valid_s)).strftime(fmt)
+    version = "2020-04-08"
+    to_sign = "\n".join([ACCOUNT, permissions, "b", "sco", start, expiry, "", "https", version, ""])
+    sig = base64.b64encode(hmac.new(base64.b64decode(ACCOUNT_KEY), to_sign.encode(),
+                                    hashlib.sha256).digest()).decode()
+    query = {"sv": version, "ss": "b", "srt": "sco", "sp": permissions, "st": start,
+             "se": expiry, "spr": "https", "sig": sig}
+    return urllib.parse.urlencode(query)
 
 
 class BlobStorage:
@@ -98,18 +114,8 @@ class BlobStorage:
         return ".blob.localhost:%d" % self.port
 
     def sas_token(self, permissions="racwdl", valid_s=86400):
-        """An account SAS for the development account."""
-        now = datetime.datetime.now(datetime.timezone.utc)
-        fmt = "%Y-%m-%dT%H:%M:%SZ"
-        start = (now - datetime.timedelta(hours=1)).strftime(fmt)
-        expiry = (now + datetime.timedelta(seconds=valid_s)).strftime(fmt)
-        version = "2020-04-08"
-        to_sign = "\n".join([ACCOUNT, permissions, "b", "sco", start, expiry, "", "https", version, ""])
-        sig = base64.b64encode(hmac.new(base64.b64decode(ACCOUNT_KEY), to_sign.encode(),
-                                        hashlib.sha256).digest()).decode()
-        query = {"sv": version, "ss": "b", "srt": "sco", "sp": permissions, "st": start,
-                 "se": expiry, "spr": "https", "sig": sig}
-        return urllib.parse.urlencode(query)
+        return sas_token(permissions, valid_s)
+
 
     def _open(self, method, path, query=""):
         url = "https://127.0.0.1:%d/%s/%s?%s%s" % (self.port, ACCOUNT, path, query, self.sas_token())
@@ -170,9 +176,11 @@ def recorder(certs, answer, emit):
                 "%s: %s\r\n" % (k, v) for k, v in self.headers.items())
             emit({"event": "request", "head": head, "length": len(body),
                   "sha256": hashlib.sha256(body).hexdigest()})
-            payload = answer.get("body", "").encode()
-            self.send_response(int(answer.get("status", 201)))
-            for name, value in answer.get("headers", {}).items():
+            # "when": {"text in the request line": answer}, the first match replacing the default.
+            reply = next((alt for text, alt in answer.get("when", {}).items() if text in self.requestline), answer)
+            payload = reply.get("body", "").encode()
+            self.send_response(int(reply.get("status", 201)))
+            for name, value in reply.get("headers", {}).items():
                 self.send_header(name, value)
             self.send_header("Content-Length", str(len(payload)))
             self.send_header("Connection", "close")
@@ -215,7 +223,8 @@ def machine(args):
                 cmd = json.loads(line)
                 seq, name = cmd.get("seq"), cmd.get("cmd")
                 if name == "sas":
-                    emit({"event": "sas", "token": storage.sas_token(cmd.get("permissions", "racwdl"))}, seq)
+                    emit({"event": "sas", "token": storage.sas_token(cmd.get("permissions", "racwdl"),
+                                                                   int(cmd.get("valid_s", 86400)))}, seq)
                 elif name == "container":
                     storage.create_container(cmd["name"])
                     emit({"event": "done"}, seq)

@@ -4,6 +4,7 @@
     /usr/bin/python3 tools/cloud/local_cloud.py [--port 8443] [--blob-port 10000] [--web [8080]]
                                                 [--proxy [--proxy-auth user:password]] [--relay]
                                                 [--server-cert KIND | --cert-name NAME]
+                                                [--sas-lifetime S]
 
 Certificates are made on first run in tools/cloud/state/certs. The values a host needs
 (CloudConnect and ZEL_BLOB_DOMAIN) are printed, then the console reads subjects to send
@@ -24,6 +25,10 @@ With --relay, the device reaches both services through fault_relay.py (on --port
 --blob-port; the services move to free ports behind it) and the console also takes
 "link MODE [VALUE]" and "blob MODE [VALUE]" with MODE pass, blackhole, delay MS,
 throttle BYTES_PER_S or reset, and "relay status".
+
+With --sas-lifetime S, every storage reply carries a token of its own that the storage
+accepts for S seconds only: a block upload (Upload::set_block_upload) that outlives its
+token asks for a fresh one in the middle of the clip.
 """
 
 import argparse
@@ -53,6 +58,8 @@ def main():
     parser.add_argument("--proxy-port", type=int, default=3128)
     parser.add_argument("--proxy-auth", metavar="USER:PASSWORD",
                         help="the proxy asks for Basic authentication")
+    parser.add_argument("--sas-lifetime", type=int, default=0, metavar="S",
+                        help="hand out storage tokens valid for S seconds (block mode asks again)")
     parser.add_argument("--relay", action="store_true",
                         help="put the fault relay in front of both services (console: link/blob MODE)")
     parser.add_argument("--server-cert", choices=["server", "chain", "root2", "other"], default="server",
@@ -71,7 +78,8 @@ def main():
     args.ca_path = os.path.join(certs, "roots.pem" if args.served == "root2" else "ca.pem")
     storage = BlobStorage(certs, os.path.join(args.state, "blobs"), 0 if args.relay else args.blob_port)
     flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
-             "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret"}
+             "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret",
+             "storage_sas_lifetime": args.sas_lifetime}
     if args.relay:
         return run_with_relay(args, certs, storage, flags)
     print("Local cloud is up. Point the host at it with:")

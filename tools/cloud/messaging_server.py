@@ -43,6 +43,9 @@ import websockets
 import websockets.exceptions
 from websockets.legacy.server import WebSocketServerProtocol
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import blob_storage  # noqa: E402  (the development account's token signer)
+
 SERVER_NAME = "zel-cloud"
 
 
@@ -109,6 +112,8 @@ class Cloud:
             "storage_account": "devstoreaccount1",
             "storage_token": "sv=2020-08-04&sig=test",
             "storage_secret": "secret",
+            # > 0: every storage reply carries a token of its own, valid this many seconds
+            "storage_sas_lifetime": 0,
             "version_reply": {
                 "registered": True,
                 "enabled": True,
@@ -244,7 +249,8 @@ class Cloud:
         mac = props.get("cameraMac")
         reply = {
             "account": self.flags["storage_account"],
-            "token": self.flags["storage_token"],
+            "token": (blob_storage.sas_token(valid_s=int(self.flags["storage_sas_lifetime"]))
+                      if self.flags["storage_sas_lifetime"] else self.flags["storage_token"]),
             "secret": self.flags["storage_secret"],
             # The device matches credentials by text: the start second in decimal.
             "start_at": None if start is None else str(start),
