@@ -42,11 +42,11 @@ plain|foundation|src/foundation/time_utils.cpp|"%FT%TZ"|"%FT%T"
 plain|foundation,link|src/foundation/time_utils.cpp|< static_cast<int64_t>(period))|<= static_cast<int64_t>(period))
 plain|foundation|src/foundation/json_helpers.cpp|if (!cJSON_IsObject(doc.get())) return false;|if (!doc) return false;
 plain|foundation,handlers|src/foundation/msg_response.cpp|\"Not implemented\"}|\"Not implemented.\"}
-plain|link|src/link/websocket_client.cpp|kReconnectPeriod = 5;|kReconnectPeriod = 4;
+plain|link|src/link/reconnect_schedule.h|kMinGapMs = 5000;|kMinGapMs = 4000;
 plain|link|src/link/websocket_client.cpp|if (length > kMaxPayload) {|if (length >= kMaxPayload) {
 plain|link|src/link/websocket_client.cpp|kCloseDisconnecting = 4003;|kCloseDisconnecting = 4004;
 plain|link|src/link/websocket_client.cpp|kCloseRequested = 4429;|kCloseRequested = 4428;
-plain|link|src/link/websocket_client.cpp|if (!lws_is_final_fragment(w)) return;|
+plain|link|src/link/websocket_client.cpp|if (!lws_is_final_fragment(w) \|\| lws_remaining_packet_payload(w) > 0) return;|
 plain|link|src/link/websocket_client.cpp|"Payload(%zu) bigger than buffer(%d), skipping\n"|"Payload(%zu) bigger than buffer (%d), skipping\n"
 plain|link|src/link/websocket_client.cpp| \| LWS_SERVER_OPTION_JUST_USE_RAW_ORIGIN;|;
 plain|link|src/link/websocket_client.cpp|if (was_connected) call_guarded(on_disconnect|call_guarded(on_disconnect
@@ -63,7 +63,7 @@ plain|handlers|src/handlers/dispatch.cpp|if (subject == "updateFirmware")|if (su
 plain|handlers,messaging|src/handlers/dispatch.cpp|if (cJSON_IsNumber(account)) status.account_id = account->valueint;|if (cJSON_IsNumber(account)) status.partner_id = account->valueint;
 plain|handlers|src/handlers/dispatch.cpp|info.device = string_member(root.get(), "device");¶    const|info.device = string_member(root.get(), "action");¶    const
 plain|handlers|src/handlers/device_reports.cpp|"000\",\"recorder\":|"\",\"recorder\":
-plain|handlers|src/handlers/certificates.cpp|write_member(inner, "key", key_path, 0600);|write_member(inner, "key", key_path, 0644);
+plain|handlers|src/handlers/certificates.cpp|is_key ? 0600 : 0644|is_key ? 0644 : 0644
 plain|handlers,clips|src/handlers/storage_access.cpp|string_member(root.get(), "start_at");|string_member(root.get(), "startAt");
 plain|inventory|src/inventory/items.cpp|.boolean("is_exit", is_exit)|.boolean("is_exit", !is_exit)
 plain|inventory|src/inventory/items.cpp|display_name(name, "Relay ", relay_number)|display_name(name, "Relay", relay_number)
@@ -147,6 +147,23 @@ plain|clips|src/upload/uploader.cpp|kStallSeconds = 60;|kStallSeconds = 600;
 plain|clips,link|src/messaging/messaging.cpp|kDisconnectWait = std::chrono::seconds(30);|kDisconnectWait = std::chrono::seconds(3000);
 plain|clips,link|src/messaging/messaging.cpp|kWorkerStopBound = std::chrono::seconds(31);|kWorkerStopBound = std::chrono::seconds(3100);
 # --- The exit path and the other hold-the-line additions
+plain|clips|src/messaging/messaging.cpp|static Messaging* instance = new Messaging();¶  return *instance;|static Messaging instance;¶  return instance;
+plain|clips|src/clips/upload_pool.cpp|    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);¶    if (!lock.owns_lock()) return false;  // the next|    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex);¶    if (!lock.owns_lock()) return false;  // the next
+plain|clips|src/clips/upload_pool.cpp|  if (n == 0) {|  if (false) {
+plain|clips|src/clips/upload_pool.cpp|    n = kMaxUploadThreads;|
+plain|clips|src/clips/clip_intake.cpp|  report_clip(replaced, CLIP_FAILED, "Replaced by a newer submission of the same clip");|
+plain|clips|src/clips/clip_intake.cpp|if (pending != pending_clips.end() && pending->second.in_flight) {|if (false) {
+plain|clips|src/events/motion_events.cpp|  event_queue.push_back(event);¶  update_counts();|  event_queue.push_back(event);
+plain|link|src/messaging/inbound.cpp|"Error parsing received message: '%s'\n", describe_inbound(text).c_str()|"Error parsing received message: '%s'\n", text.c_str()
+plain|clips|src/foundation/redact.cpp|"cert", "password"}|"cert"}
+plain|link|src/link/websocket_client.cpp|if (partial.size() + len > kMaxPayload) {|if (false) {
+plain|link|src/link/websocket_client.cpp|  inbound.clear();¶  count_queues_locked();|  count_queues_locked();
+plain|link|src/link/websocket_client.cpp|  outbound.erase(OutboundType{std::string(), 0});|
+plain|handlers|src/handlers/certificates.cpp|if (has_cert && has_key && !key_matches_certificate(cert_text, key_text)) {|if (false) {
+plain|clips|src/foundation/envelope.cpp|zel_log(LOG_ERR, "Could not parse details: \n%s\n", mask_secrets(details).c_str());|printf("Could not parse details: \n%s\n", details.c_str());
+plain|link|src/link/reconnect_schedule.cpp|std::min(kMaxDelayMs, kMinGapMs << failures)|std::min(kMaxDelayMs, kMinGapMs << (failures + 1))
+plain|link|src/link/reconnect_schedule.cpp|  failures = 0;¶  // Every recorder|  // Every recorder
+plain|link|src/link/reconnect_schedule.cpp|schedule(now_ms + draw(0, kMinGapMs));¶}|schedule(now_ms + draw(kMinGapMs, kMinGapMs));¶}
 EOF
 )
 
