@@ -29,16 +29,11 @@ namespace zel {
 namespace {
 
 const std::string kFailed = "curl_easy_perform() failed: ";
-constexpr size_t kMaxBody = size_t{64} * 1024;
 // As for the single PUT: a try that sends nothing for this long is dead.
 constexpr int64_t kStallSeconds = 60;
 constexpr int kMaxRefreshes = 3;
 // A token that runs out within this margin would fail in the middle of the next block.
 constexpr int64_t kExpiryMargin = 30;
-
-struct SlistFree {
-  void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
 
 bool cancelled(const UploadData& d) { return d.cancelled != nullptr && *d.cancelled; }
 
@@ -73,15 +68,6 @@ int64_t sas_expiry(const std::string& token) {
 
 }  // namespace
 
-std::string storage_error_code(const std::string& header, const std::string& body) {
-  if (!header.empty()) return header;
-  size_t open = body.find("<Code>");
-  if (open == std::string::npos) return std::string();
-  open += 6;
-  size_t close = body.find("</Code>", open);
-  return close == std::string::npos ? std::string() : body.substr(open, close - open);
-}
-
 BlockUpload::BlockUpload(Uploader& u, UploadData& data, const std::string& blob_url,
                          uint64_t encrypted_size)
     : uploader(u),
@@ -104,11 +90,11 @@ UploadResult BlockUpload::run() {
     done = 0;
     if (!cipher->is_open() || cipher->encrypted_size() != encrypted) {
       fail("Clip file could not be read: " + d.path);
-      return {false, 0, failure};
+      return failed_result();
     }
     Step step = Step::DONE;
     for (uint64_t n = 0; n <= blocks && step == Step::DONE; ++n) step = send(n);
-    if (step == Step::FAILED) return {false, 0, failure};
+    if (step == Step::FAILED) return failed_result();
     if (step == Step::DONE) break;
   }
   const double seconds =
@@ -124,6 +110,12 @@ UploadResult BlockUpload::run() {
   return {true, encrypted, message.str()};
 }
 
+UploadResult BlockUpload::failed_result() const {
+  UploadResult r{false, 0, failure};
+  r.http_status = last.status, r.error_code = last.error_code, r.request_id = last.request_id;
+  return r;
+}
+
 std::string BlockUpload::name(uint64_t n) const {
   if (n == blocks) return "block list";
   return "block " + std::to_string(n + 1) + " of " + std::to_string(blocks);
@@ -131,8 +123,7 @@ std::string BlockUpload::name(uint64_t n) const {
 
 BlockUpload::Step BlockUpload::fail(const std::string& message) {
   failure = message;
-  zel_log(LOG_WARN, "Upload failed: %s; to %s from %s\n", message.c_str(), base.c_str(),
-          d.path.c_str());
+  log_failure(last, message, base, d.path);
   return Step::FAILED;
 }
 
@@ -144,8 +135,8 @@ std::string BlockUpload::reason(const Try& t) const {
   } else if (t.abort == Abort::TRY_TIMEOUT) {
     text = curl_easy_strerror(CURLE_OPERATION_TIMEDOUT);
   } else {
-    text = curl_easy_strerror(t.res);
-    if (t.res == CURLE_OK) text += " HTTP Status Code: " + std::to_string(t.status);
+    text = curl_easy_strerror(t.result);
+    if (t.result == CURLE_OK) text += " HTTP Status Code: " + std::to_string(t.status);
   }
   if (!t.proxy_text.empty()) text += " - " + t.proxy_text;
   return text;
@@ -182,7 +173,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
     if (t.abort == Abort::HOST) {
       return fail(aborted + " - " + (host_reason.empty() ? "User aborted" : host_reason));
     }
-    if (t.res == CURLE_ABORTED_BY_CALLBACK && t.abort == Abort::NONE) {
+    if (t.result == CURLE_ABORTED_BY_CALLBACK && t.abort == Abort::NONE) {
       return fail(aborted + " - Error while encrypting file");
     }
     if (t.status == 403 && stale_credentials(t.error_code)) {
@@ -203,7 +194,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
       return Step::RESTART;
     }
     const bool again = t.abort == Abort::STALL || t.abort == Abort::TRY_TIMEOUT ||
-                       retryable(t.res) || (t.res == CURLE_OK && retryable_status(t.status));
+                       retryable(t.result) || (t.result == CURLE_OK && retryable_status(t.status));
     if (!again) {
       std::string code = t.error_code.empty() ? "" : " - " + t.error_code;
       return fail(kFailed + reason(t) + code + " - " + name(n));
@@ -213,7 +204,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
                   " times");
     }
     ++block_counters().blocks_retried;
-    const std::chrono::milliseconds wait = backoff(tries, t.retry_after);
+    const std::chrono::milliseconds wait = backoff(tries, t.retry_after_s);
     zel_log(LOG_WARN, "Try %d of %s of %s failed (%s); again in %lld ms\n", tries, name(n).c_str(),
             base.c_str(), reason(t).c_str(), static_cast<long long>(wait.count()));
     // The back-off sleeps in slices so the host hears about the upload once a second.
@@ -280,69 +271,40 @@ bool BlockUpload::tick(int64_t sent) {
 
 BlockUpload::Try BlockUpload::perform(uint64_t n) {
   Try t;
-  if (uploader.handle == nullptr) uploader.init_handle();
-  CURL* h = uploader.handle;
+  CURL* h = uploader.handle_for(d.account);
   if (h == nullptr) {
-    t.res = CURLE_FAILED_INIT;
+    t.result = CURLE_FAILED_INIT;
     return t;
   }
   sending_list = n == blocks;
-  curl_off_t length;
-  std::string url = base + "?" + d.token;
+  StoragePut put;
+  put.url = base + "?" + d.token;
   if (sending_list) {
     list_body = block_list_body(blocks);
     list_pos = 0;
-    length = static_cast<curl_off_t>(list_body.size());
-    url += "&comp=blocklist";
+    put.length = static_cast<curl_off_t>(list_body.size());
+    put.url += "&comp=blocklist";
   } else {
-    length = static_cast<curl_off_t>(std::min(d.block_bytes, encrypted - n * d.block_bytes));
-    url += "&comp=block&blockid=" + block_id(n);
+    put.length = static_cast<curl_off_t>(std::min(d.block_bytes, encrypted - n * d.block_bytes));
+    put.url += "&comp=block&blockid=" + block_id(n);
   }
-  curl_slist* raw = nullptr;
   // As for the single PUT, without x-ms-blob-type: a block is no blob of its own.
-  raw = curl_slist_append(raw, ("x_ms_date: " + std::to_string(d.start_time)).c_str());
-  raw = curl_slist_append(raw, "x-ms-version: 2020-04-08");
-  if (d.expect_timeout_s <= 0) raw = curl_slist_append(raw, "Expect:");
-  std::unique_ptr<curl_slist, SlistFree> headers(raw);
-
+  put.whole_blob = false;
+  put.proxy_host = d.account + blob_domain();
+  put.x_ms_date = d.start_time;
+  put.expect_timeout_s = d.expect_timeout_s;
+  // Each try has the whole limit: a slow uplink meets it block by block.
+  put.timeout_s = d.timeout_s;
+  put.read = &BlockUpload::on_read;
+  put.progress = &BlockUpload::on_progress;
+  put.data = this;
   abort = Abort::NONE;
   try_start = time_now();
   last_sent = -1;
   last_sent_at = try_start;
-  response.clear();
-  error_code_header.clear();
-  retry_after_header.clear();
-
-  curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-  std::optional<ProxyRoute> proxy = apply_proxy(h, d.account + blob_domain());
-  curl_easy_setopt(h, CURLOPT_READDATA, this);
-  curl_easy_setopt(h, CURLOPT_READFUNCTION, &BlockUpload::on_read);
-  curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, length);
-  // Each try has the whole limit: a slow uplink meets it block by block.
-  curl_easy_setopt(h, CURLOPT_TIMEOUT, static_cast<long>(d.timeout_s > 0 ? d.timeout_s : 0));
-  if (d.expect_timeout_s > 0) {
-    curl_easy_setopt(h, CURLOPT_EXPECT_100_TIMEOUT_MS, static_cast<long>(d.expect_timeout_s) * 1000L);
-  }
-  curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &BlockUpload::on_progress);
-  curl_easy_setopt(h, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &BlockUpload::on_body);
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &BlockUpload::on_header);
-  curl_easy_setopt(h, CURLOPT_HEADERDATA, this);
-
-  t.res = curl_easy_perform(h);
-  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &t.status);
-  curl_easy_setopt(h, CURLOPT_HTTPHEADER, nullptr);
-  curl_easy_setopt(h, CURLOPT_READDATA, nullptr);
-  curl_easy_setopt(h, CURLOPT_XFERINFODATA, nullptr);
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, nullptr);
-  curl_easy_setopt(h, CURLOPT_HEADERDATA, nullptr);
+  static_cast<StorageReply&>(t) = put_to_storage(h, put);
   t.abort = abort;
-  t.error_code = storage_error_code(error_code_header, response);
-  t.retry_after = parse_retry_after(retry_after_header);
-  if (t.res != CURLE_OK && proxy) t.proxy_text = proxy_failure(h, t.res, *proxy);
+  last = t;
   return t;
 }
 
@@ -392,29 +354,6 @@ int BlockUpload::on_progress(void* self, curl_off_t, curl_off_t, curl_off_t, cur
     return 1;
   }
   return 0;
-}
-
-size_t BlockUpload::on_header(char* data, size_t size, size_t nitems, void* self) {
-  auto* b = static_cast<BlockUpload*>(self);
-  const size_t n = size * nitems;
-  auto value_of = [&](const char* name) -> std::optional<std::string> {
-    const size_t len = strlen(name);
-    if (n <= len || strncasecmp(data, name, len) != 0) return std::nullopt;
-    std::string v(data + len, n - len);
-    size_t first = v.find_first_not_of(" \t");
-    size_t last = v.find_last_not_of(" \t\r\n");
-    return first == std::string::npos ? std::string() : v.substr(first, last - first + 1);
-  };
-  if (auto v = value_of("x-ms-error-code:")) b->error_code_header = *v;
-  if (auto v = value_of("retry-after:")) b->retry_after_header = *v;
-  return n;
-}
-
-size_t BlockUpload::on_body(char* data, size_t size, size_t nmemb, void* self) {
-  auto* b = static_cast<BlockUpload*>(self);
-  const size_t n = size * nmemb;
-  if (b->response.size() < kMaxBody) b->response.append(data, std::min(n, kMaxBody - b->response.size()));
-  return n;
 }
 
 }  // namespace zel

@@ -15,6 +15,7 @@
 
 #include "foundation/proxy_settings.h"
 #include "upload/block_cipher.h"
+#include "upload/storage_request.h"
 #include "upload/upload_data.h"
 
 namespace zel {
@@ -36,14 +37,8 @@ class BlockUpload {
   // Why the progress or read check ended a try.
   enum class Abort { NONE, INTERRUPTED, HOST, STALL, TRY_TIMEOUT };
   enum class Step { DONE, RESTART, FAILED };
-  struct Try {
-    CURLcode res = CURLE_OK;
-    long status = 0;
-    std::string error_code;  // x-ms-error-code, or the body's <Code>
-    long retry_after = -1;
+  struct Try : StorageReply {
     Abort abort = Abort::NONE;
-    std::string proxy_text;
-    bool ok() const { return res == CURLE_OK && status >= 200 && status <= 299; }
   };
 
   // Sends block n, or the block list when n == blocks, with its retries and refreshes.
@@ -56,11 +51,10 @@ class BlockUpload {
   std::string reason(const Try& t) const;
   std::string name(uint64_t n) const;
   Step fail(const std::string& message);
+  UploadResult failed_result() const;
 
   static size_t on_read(char* buffer, size_t size, size_t nitems, void* self);
   static int on_progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t ulnow);
-  static size_t on_header(char* data, size_t size, size_t nitems, void* self);
-  static size_t on_body(char* data, size_t size, size_t nmemb, void* self);
 
   Uploader& uploader;
   UploadData& d;
@@ -87,12 +81,7 @@ class BlockUpload {
   int64_t try_start = 0;
   int64_t last_sent = -1;
   int64_t last_sent_at = 0;
-  std::string response;
-  std::string error_code_header;
-  std::string retry_after_header;
+  StorageReply last;  // the answer the failure line names
 };
-
-// The service's error code: the x-ms-error-code header, else the body's <Code>.
-std::string storage_error_code(const std::string& header, const std::string& body);
 
 }  // namespace zel

@@ -43,6 +43,10 @@ struct UploadResult {
   bool success = false;
   uint64_t bytes = 0;  // announced and sent; 0 on failure
   std::string message;
+  // A failure as the service answered it; its message is made from these.
+  long http_status = 0;
+  std::string error_code{};
+  std::string request_id{};
 };
 
 }  // namespace zel

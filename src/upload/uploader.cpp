@@ -17,6 +17,7 @@
 #include "upload/curl_tls.h"
 #include "upload/curl_trace.h"
 #include "upload/rate_limiter.h"
+#include "upload/storage_request.h"
 #include "upload/streaming_crypto.h"
 #include "upload/upload_status.h"
 
@@ -24,8 +25,6 @@ namespace zel {
 
 namespace {
 
-// An error document is short; anything past this is not worth keeping.
-constexpr size_t kMaxBody = size_t{64} * 1024;
 // A transfer that sends nothing for this long is dead, whatever its whole-transfer limit:
 // a peer that stopped reading, or never answers, would otherwise hold its thread for ever.
 constexpr int64_t kStallSeconds = 60;
@@ -40,12 +39,6 @@ struct Transfer {
   int64_t last_sent_at = 0;
   std::string abort_reason;
 };
-
-struct SlistFree {
-  void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-
-std::string without_query(const std::string& url) { return url.substr(0, url.find('?')); }
 
 }  // namespace
 
@@ -64,30 +57,27 @@ std::string blob_domain() {
 
 Uploader::Uploader(const std::string& ca) : ca_file(ca) {}
 
-Uploader::~Uploader() {
-  if (handle != nullptr) {
-    curl_easy_cleanup(handle);
-  }
-}
+Uploader::~Uploader() = default;
 
 void Uploader::init_handle() {
-  handle = curl_easy_init();
+  handle.reset(curl_easy_init());
   if (handle == nullptr) {
     return;
   }
   ++handle_count;
-  curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
+  CURL* h = handle.get();
+  curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
   // An empty path would make every transfer fail; leave libcurl's default store instead.
   if (!ca_file.empty()) {
-    curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+    curl_easy_setopt(h, CURLOPT_CAINFO, ca_file.c_str());
   }
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-  apply_tls_policy(handle);
+  curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+  apply_tls_policy(h);
   // Several upload threads run transfers with time-outs; signals are process-wide.
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   if (std::getenv("ZEL_DEBUG") != nullptr) {
-    curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
-    curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &curl_trace);
+    curl_easy_setopt(h, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, &curl_trace);
   }
 }
 
@@ -150,44 +140,11 @@ int Uploader::progress_callback(void* transfer, curl_off_t, curl_off_t, curl_off
   return d.aborted;
 }
 
-size_t Uploader::body_callback(char* data, size_t size, size_t nmemb, void* self) {
-  auto* u = static_cast<Uploader*>(self);
-  size_t n = size * nmemb;
-  if (u->response_body.size() < kMaxBody) {
-    u->response_body.append(data, std::min(n, kMaxBody - u->response_body.size()));
-  }
-  return n;
-}
-
-size_t Uploader::header_callback(char* data, size_t size, size_t nitems, void* self) {
-  auto* u = static_cast<Uploader*>(self);
-  size_t n = size * nitems;
-  static const char kName[] = "x-ms-error-code:";
-  const size_t name_len = sizeof kName - 1;
-  if (n > name_len && strncasecmp(data, kName, name_len) == 0) {
-    std::string value(data + name_len, n - name_len);
-    size_t first = value.find_first_not_of(" \t");
-    size_t last = value.find_last_not_of(" \t\r\n");
-    u->error_code_header =
-        first == std::string::npos ? std::string() : value.substr(first, last - first + 1);
-  }
-  return n;
-}
-
-std::string Uploader::service_error_code() const {
-  if (!error_code_header.empty()) {
-    return error_code_header;
-  }
-  size_t open = response_body.find("<Code>");
-  if (open == std::string::npos) {
-    return std::string();
-  }
-  open += 6;
-  size_t close = response_body.find("</Code>", open);
-  if (close == std::string::npos) {
-    return std::string();
-  }
-  return response_body.substr(open, close - open);
+CURL* Uploader::handle_for(const std::string& account) {
+  // One connection cache per storage account: a new account starts afresh.
+  if (handle == nullptr || current_account != account) init_handle();
+  current_account = account;
+  return handle.get();
 }
 
 UploadResult Uploader::upload(UploadData& d) {
@@ -195,27 +152,11 @@ UploadResult Uploader::upload(UploadData& d) {
     return {false, 0, kUploadInterrupted};
   }
   uploader_global_init();
-  if (handle == nullptr) {
-    init_handle();
-  } else if (current_account != d.account) {
-    // One connection cache per storage account: a new account starts afresh.
-    curl_easy_cleanup(handle);
-    handle = nullptr;
-    init_handle();
-  }
-  current_account = d.account;
-  if (handle == nullptr) {
+  CURL* h = handle_for(d.account);
+  if (h == nullptr) {
     return {false, 0, "curl_easy_init() failed"};
   }
-
-  char date[32] = "";
-  time_t start = static_cast<time_t>(d.start_time);
-  struct tm parts {};
-  if (gmtime_r(&start, &parts) == nullptr || strftime(date, sizeof date, "%Y-%m-%d", &parts) == 0) {
-    date[0] = '\0';
-  }
-  std::string url = "https://" + d.account + blob_domain() + "/" + d.nvr_mac + "/" + d.camera_mac +
-                    "/" + date + "/" + std::to_string(d.start_time) + ".mp4" + "?" + d.token;
+  const std::string address = blob_address(d.account, d.nvr_mac, d.camera_mac, d.start_time);
 
   StreamingCrypto crypto(d.path, d.secret, crypto_direction::ENCRYPTION);
   // Without the file, or with a file that is no longer the clip that was taken in, an
@@ -231,100 +172,80 @@ UploadResult Uploader::upload(UploadData& d) {
     zel_log(LOG_WARN, "%s: %s\n", message.c_str(), d.path.c_str());
     return {false, 0, message};
   }
-  curl_off_t size = static_cast<curl_off_t>(crypto.get_encrypted_size());
+  const uint64_t size = crypto.get_encrypted_size();
   // A clip of one block or less gains nothing from blocks: it goes as one PUT.
-  if (d.block_bytes > 0 && static_cast<uint64_t>(size) > d.block_bytes) {
-    return BlockUpload(*this, d, url, static_cast<uint64_t>(size)).run();
+  if (d.block_bytes > 0 && size > d.block_bytes) {
+    return BlockUpload(*this, d, address, size).run();
   }
-
-  curl_slist* raw = nullptr;
-  // x_ms_date deliberately carries the clip's start second, not an HTTP date.
-  raw = curl_slist_append(raw, ("x_ms_date: " + std::to_string(d.start_time)).c_str());
-  raw = curl_slist_append(raw, "x-ms-version: 2020-04-08");
-  raw = curl_slist_append(raw, "x-ms-blob-type: BlockBlob");
-  // An empty Expect header stops libcurl from waiting for "100 Continue".
-  if (d.expect_timeout_s <= 0) {
-    raw = curl_slist_append(raw, "Expect:");
-  }
-  std::unique_ptr<curl_slist, SlistFree> headers(raw);
 
   Transfer transfer;
   transfer.d = &d;
   transfer.crypto = &crypto;
   transfer.last_sent_at = time_now();
-  response_body.clear();
-  error_code_header.clear();
+  StoragePut put;
+  put.url = address + "?" + d.token;
+  put.proxy_host = d.account + blob_domain();
+  put.x_ms_date = d.start_time;
+  put.expect_timeout_s = d.expect_timeout_s;
+  put.timeout_s = d.timeout_s;
+  put.length = static_cast<curl_off_t>(size);
+  put.read = &Uploader::read_callback;
+  put.progress = &Uploader::progress_callback;
+  put.data = &transfer;
+  const StorageReply reply = put_to_storage(h, put);
+  if (reply.status >= 200 && reply.status <= 299 && reply.result != CURLE_ABORTED_BY_CALLBACK)
+    return uploaded(d, address, size);
+  return failed(d, address, reply, transfer.abort_reason);
+}
 
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  // The same proxy decision as the link's, by the blob host.
-  std::optional<ProxyRoute> proxy = apply_proxy(handle, d.account + blob_domain());
-  curl_easy_setopt(handle, CURLOPT_READDATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Uploader::read_callback);
-  curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, size);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(d.timeout_s > 0 ? d.timeout_s : 0));
-  if (d.expect_timeout_s > 0) {
-    curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS,
-                     static_cast<long>(d.expect_timeout_s) * 1000L);
-  }
-  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Uploader::progress_callback);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Uploader::body_callback);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Uploader::header_callback);
-  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
-
-  CURLcode res = curl_easy_perform(handle);
-  long code = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &code);
-  // The handle keeps pointers to these; they die with this call.
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
-  curl_easy_setopt(handle, CURLOPT_READDATA, nullptr);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, nullptr);
-  headers.reset();
-
-  if (code >= 200 && code <= 299 && res != CURLE_ABORTED_BY_CALLBACK) {
-    double speed = 0;
-    double total_s = 0;
-    // The fractional figures, not the whole-number _T forms: a short upload's speed and
-    // time would read as 0.
+UploadResult Uploader::uploaded(const UploadData& d, const std::string& address, uint64_t size) {
+  double speed = 0;
+  double total_s = 0;
+  // The fractional figures, not the whole-number _T forms: a short upload's speed and
+  // time would read as 0.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    curl_easy_getinfo(handle, CURLINFO_SPEED_UPLOAD, &speed);
+  curl_easy_getinfo(handle.get(), CURLINFO_SPEED_UPLOAD, &speed);
 #pragma GCC diagnostic pop
-    curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME, &total_s);
-    std::ostringstream message;
-    // Without the query: it is the shared-access signature, a secret.
-    message << "Uploaded: " << d.path << "\n"
-            << "To: " << without_query(url) << "\n"
-            << "Speed: " << speed * 0.0009765625 << " kbytes/sec during " << total_s
-            << " seconds";
-    return {true, static_cast<uint64_t>(size), message.str()};
-  }
+  curl_easy_getinfo(handle.get(), CURLINFO_TOTAL_TIME, &total_s);
+  std::ostringstream message;
+  // The address without its query: the query is the shared-access signature, a secret.
+  message << "Uploaded: " << d.path << "\n"
+          << "To: " << address << "\n"
+          << "Speed: " << speed * 0.0009765625 << " kbytes/sec during " << total_s << " seconds";
+  return {true, size, message.str()};
+}
 
-  std::string message = std::string("curl_easy_perform() failed: ") + curl_easy_strerror(res);
-  if (transfer.abort_reason == kUploadInterrupted) {
+UploadResult Uploader::failed(const UploadData& d, const std::string& address,
+                              const StorageReply& reply, const std::string& abort_reason) {
+  std::string message = std::string("curl_easy_perform() failed: ") + curl_easy_strerror(reply.result);
+  if (abort_reason == kUploadInterrupted) {
     message = kUploadInterrupted;
-  } else if (res == CURLE_ABORTED_BY_CALLBACK) {
-    if (!transfer.abort_reason.empty()) {
-      message += " - " + transfer.abort_reason;
+  } else if (reply.result == CURLE_ABORTED_BY_CALLBACK) {
+    if (!abort_reason.empty()) {
+      message += " - " + abort_reason;
     } else {
       message += d.aborted ? " - User aborted" : " - Error while encrypting file";
     }
   } else {
-    message += " HTTP Status Code: " + std::to_string(code);
+    message += " HTTP Status Code: " + std::to_string(reply.status);
   }
-  std::string proxy_text = proxy ? proxy_failure(handle, res, *proxy) : std::string();
-  if (!proxy_text.empty()) message += " - " + proxy_text;
-  std::string service_code = service_error_code();
+  if (!reply.proxy_text.empty()) message += " - " + reply.proxy_text;
+  log_failure(reply, message, address, d.path);
+  // A failed connection is not worth keeping: the next upload starts afresh.
+  handle.reset();
+  UploadResult result{false, 0, message};
+  result.http_status = reply.status, result.error_code = reply.error_code, result.request_id = reply.request_id;
+  return result;
+}
+
+void log_failure(const StorageReply& reply, const std::string& message, const std::string& address,
+                 const std::string& path) {
   // The service's own reason first: a logger may cut long lines short.
-  zel_log(LOG_WARN, "Upload failed%s%s: %s; to %s from %s\n",
-          service_code.empty() ? "" : ", service error code ", service_code.c_str(),
-          message.c_str(), without_query(url).c_str(), d.path.c_str());
-  curl_easy_cleanup(handle);
-  handle = nullptr;
-  return {false, 0, message};
+  zel_log(LOG_WARN, "Upload failed%s%s: %s; to %s from %s%s%s\n",
+          reply.error_code.empty() ? "" : ", service error code ", reply.error_code.c_str(),
+          message.c_str(), address.c_str(), path.c_str(),
+          reply.request_id.empty() ? "" : "; request id ", reply.request_id.c_str());
 }
 
 }  // namespace zel

@@ -1,5 +1,5 @@
-// Puts one clip into blob storage as a block blob with a single HTTPS PUT, encrypting the
-// file on the fly. One Uploader per upload thread; it keeps its libcurl handle between
+// Puts one clip into blob storage as a block blob with a single HTTPS PUT (or, in block
+// mode, hands it to BlockUpload), encrypting the file on the fly. One Uploader per upload thread; it keeps its libcurl handle between
 // uploads to the same storage account so the connection can be reused.
 #pragma once
 
@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <string>
 
+#include "upload/storage_request.h"
 #include "upload/upload_data.h"
 
 namespace zel {
@@ -29,6 +30,9 @@ class Uploader {
   Uploader& operator=(const Uploader&) = delete;
 
   void init_handle();
+  // The handle for an account's uploads, made afresh for a new account; null when libcurl
+  // cannot make one.
+  CURL* handle_for(const std::string& account);
   // Writes the progress state (aborted, last_elapsed) of d while the transfer runs.
   UploadResult upload(UploadData& d);
 
@@ -40,17 +44,19 @@ class Uploader {
                                curl_off_t ultotal, curl_off_t ulnow);
 
  private:
-  static size_t body_callback(char* data, size_t size, size_t nmemb, void* self);
-  static size_t header_callback(char* data, size_t size, size_t nitems, void* self);
-  std::string service_error_code() const;
+  UploadResult uploaded(const UploadData& d, const std::string& address, uint64_t size);
+  UploadResult failed(const UploadData& d, const std::string& address, const StorageReply& reply,
+                      const std::string& abort_reason);
 
-  CURL* handle = nullptr;
+  CurlEasy handle;
   std::string ca_file;
   std::string current_account;
   unsigned handle_count = 0;
-  // The answer to the last request, kept to name the service's reason for a refusal.
-  std::string response_body;
-  std::string error_code_header;
 };
+
+// The line every failed upload leaves in the log: the service's error code and request id
+// (what support asks for first), never the access signature.
+void log_failure(const StorageReply& reply, const std::string& message, const std::string& address,
+                 const std::string& path);
 
 }  // namespace zel

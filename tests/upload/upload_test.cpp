@@ -83,6 +83,7 @@ TEST_F(Upload, FailuresSayWhyAndStoreNothing) {
     zel::UploadResult r = uploader.upload(d);
     EXPECT_FALSE(r.success);
     EXPECT_EQ(r.message, row.message);
+    EXPECT_EQ(r.http_status == 403, !r.error_code.empty() && !r.request_id.empty()) << r.error_code;
     EXPECT_EQ(storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/aabbccddeeff/2024-01-01/" +
                                 std::to_string(start) + ".mp4\"}").num("status"), 404);
   }
