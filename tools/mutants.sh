@@ -50,7 +50,7 @@ plain|link|src/link/websocket_client.cpp|if (!lws_is_final_fragment(w) \|\| lws_
 plain|link|src/link/websocket_client.cpp|"Payload(%zu) bigger than buffer(%d), skipping\n"|"Payload(%zu) bigger than buffer (%d), skipping\n"
 plain|link|src/link/websocket_client.cpp| \| LWS_SERVER_OPTION_JUST_USE_RAW_ORIGIN;|;
 plain|link|src/link/websocket_client.cpp|if (was_connected) call_guarded(on_disconnect|call_guarded(on_disconnect
-plain|link|src/link/message_queues.cpp|if (!connected && !force) return;|if (!connected && force) return;
+plain|link|src/link/message_queues.cpp|if (!linked_locked() && !force) return;|if (!linked_locked() && force) return;
 plain|link,messaging|src/messaging/inbound.cpp|kMaxMissedPongs = 5;|kMaxMissedPongs = 6;
 plain|link,messaging|src/messaging/inbound.cpp|"Pong message not received in %d seconds, disconnecting.\n"|"Pong message not received in %d seconds, disconnecting\n"
 plain|link,messaging|src/messaging/messaging.cpp|kPingPeriod = 30;|kPingPeriod = 29;

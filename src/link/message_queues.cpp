@@ -7,12 +7,12 @@ namespace zel {
 void WebSocketClient::request_writeable_locked() {
   // Only the servicing thread may call into lws; other threads rely on the worker,
   // which asks for a writeable event on every pass while messages wait.
-  if (on_worker_thread() && connected && wsi != nullptr) lws_callback_on_writable(wsi);
+  if (on_worker_thread() && state == LinkState::CONNECTED && wsi != nullptr) lws_callback_on_writable(wsi);
 }
 
 void WebSocketClient::send_message(const std::string& message, bool force) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (!connected && !force) return;
+  if (!linked_locked() && !force) return;
   outbound.insert(OutboundType{message, 0});
   count_queues_locked();
   request_writeable_locked();
@@ -70,8 +70,9 @@ std::future<void> WebSocketClient::full_disconnect() {
   bool was_connected;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    was_connected = connected;
+    was_connected = linked_locked();
     keep_connected = false;
+    if (!was_connected) go(LinkState::STOPPED);
   }
   if (was_connected) soft_disconnect();
   std::lock_guard<std::mutex> lock(mutex);
@@ -88,7 +89,7 @@ std::future<void> WebSocketClient::full_disconnect() {
 
 bool WebSocketClient::wait_closed(std::chrono::steady_clock::time_point deadline) {
   std::unique_lock<std::mutex> lock(mutex);
-  return link_down.wait_until(lock, deadline, [this] { return !connected; });
+  return link_down.wait_until(lock, deadline, [this] { return !linked_locked(); });
 }
 
 void WebSocketClient::inject_inbound(const std::string& text) {

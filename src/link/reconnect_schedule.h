@@ -19,7 +19,8 @@ class ReconnectSchedule {
 
   // A new start (connect): the first attempt is due at once; identity seeds the draws.
   void reset(const std::string& identity);
-  bool due(int64_t now_ms) const { return now_ms >= next_ms; }
+  // An attempt is started only when due, and never while one is under way.
+  bool due(int64_t now_ms) const { return next_ms != INT64_MAX && now_ms >= next_ms; }
   void attempt_started(int64_t now_ms);
   void attempt_failed(int64_t now_ms);
   // The server refused the upgrade and asked for this many seconds of room.
@@ -27,6 +28,7 @@ class ReconnectSchedule {
   void established(int64_t now_ms);
   void dropped(int64_t now_ms);
 
+  bool in_attempt() const { return next_ms == INT64_MAX; }
   bool is_established() const { return established_ms >= 0; }
   int64_t attempts() const { return attempts_made; }
   int64_t next_attempt_ms() const { return next_ms; }

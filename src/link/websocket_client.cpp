@@ -81,15 +81,13 @@ WebSocketClient& WebSocketClient::instance() {
   return *client;
 }
 
-WebSocketClient::~WebSocketClient() {
-  clear_context();
-  std::free(uri_copy);
-}
+WebSocketClient::~WebSocketClient() { clear_context(); }
 
 bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> on_connect_fn,
                                  std::function<void()> on_disconnect_fn) {
   std::lock_guard<std::mutex> lock(mutex);
   keep_connected = true;
+  go(LinkState::CONNECTING);
   disconnect_signalled = false;
   disconnect_promise = std::promise<void>();
   outbound.clear();
@@ -107,7 +105,6 @@ bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> o
   key_file = cc.key_path;
   cert_file = cc.cert_path;
   schedule.reset(cc.mac_address);
-  attempt_open = false;
   attempts_made = 0;
   next_attempt_ms = 0;
   apply_log_level_from_env();
@@ -125,14 +122,13 @@ bool WebSocketClient::service_socket() {
   {
     std::lock_guard<std::mutex> lock(mutex);
     const int64_t now = monotonic_ms();
-    if (wsi == nullptr && keep_connected && !attempt_open && schedule.due(now)) {
+    if (wsi == nullptr && state == LinkState::CONNECTING && schedule.due(now)) {
       attempt = true;
-      attempt_open = true;
       refused_for_s = -1;
       schedule.attempt_started(now);
       attempts_made = schedule.attempts();
       next_attempt_ms = 0;
-    } else if (connected && !outbound.empty()) {
+    } else if (state == LinkState::CONNECTED && !outbound.empty()) {
       want_write = true;
     }
   }
@@ -145,7 +141,7 @@ bool WebSocketClient::service_socket() {
       std::lock_guard<std::mutex> lock(mutex);
       settle_attempt_locked();
     }
-  } else if (want_write && wsi != nullptr && !closing) {
+  } else if (want_write && wsi != nullptr) {
     lws_callback_on_writable(wsi);
   }
   if (context != nullptr) {
@@ -163,19 +159,25 @@ bool WebSocketClient::service_socket() {
 
 void WebSocketClient::service_once() {
   if (wsi != nullptr && tunnel.active()) tunnel.peek(lws_get_socket_fd(wsi));
-  lws_service(context, -1);
+  lws_service(context.get(), -1);
 }
 
 bool WebSocketClient::is_connected() {
   std::lock_guard<std::mutex> lock(mutex);
-  return connected;
+  return linked_locked();
+}
+
+void WebSocketClient::go(LinkState next) {
+  static const char* const kNames[] = {"idle", "connecting", "connected", "closing", "stopped"};
+  if (next == state) return;
+  zel_log(LOG_NOTICE, "Link: %s -> %s\n", kNames[static_cast<int>(state)], kNames[static_cast<int>(next)]);
+  const bool was_linked = linked_locked();
+  state = next;
+  if (was_linked && !linked_locked()) link_down.notify_all();
 }
 
 void WebSocketClient::clear_context() {
-  if (context != nullptr) {
-    lws_context_destroy(context);
-    context = nullptr;
-  }
+  context.reset();
   wsi = nullptr;
   // A later thread may be given the same id; it must not pass for the servicing thread.
   service_thread.store(std::thread::id());
@@ -203,24 +205,18 @@ bool WebSocketClient::create_context() {
     context_info.ssl_private_key_filepath = key_file.c_str();
   }
 
-  context = lws_create_context(&context_info);
+  context.reset(lws_create_context(&context_info));
   if (context == nullptr) {
     zel_log(LOG_ERR, "lws_create_context failed");
     return false;
   }
   wsi = nullptr;
-  closing = false;
-  std::lock_guard<std::mutex> lock(mutex);
-  connected = false;
   return true;
 }
 
 bool WebSocketClient::setup_connection() {
   std::memset(&connect_info, 0, sizeof connect_info);
-  std::free(uri_copy);
-  uri_copy = static_cast<char*>(std::malloc(server_uri.size() + 1));
-  if (uri_copy == nullptr) return false;
-  std::memcpy(uri_copy, server_uri.c_str(), server_uri.size() + 1);
+  uri_copy.assign(server_uri.c_str(), server_uri.c_str() + server_uri.size() + 1);
 
   const char* address = nullptr;
   int port = 0;
@@ -228,7 +224,7 @@ bool WebSocketClient::setup_connection() {
   uri_path = nullptr;
   // The parser accepts almost anything, so a URI without a known scheme or a host is
   // refused here rather than left to fail inside the connection attempt.
-  if (lws_parse_uri(uri_copy, &uri_scheme, &address, &port, &uri_path) != 0 ||
+  if (lws_parse_uri(uri_copy.data(), &uri_scheme, &address, &port, &uri_path) != 0 ||
       !known_scheme(uri_scheme) || address == nullptr || *address == '\0') {
     zel_log(LOG_ERR, "Bad URI(%s) for messaging server specified\n", server_uri.c_str());
     return false;
@@ -239,7 +235,7 @@ bool WebSocketClient::setup_connection() {
   std::strncpy(path_buffer + 1, uri_path != nullptr ? uri_path : "", sizeof path_buffer - 2);
   path_buffer[sizeof path_buffer - 1] = '\0';
 
-  if (!tunnel.apply(lws_get_vhost_by_name(context, "default"), uri_scheme, address)) return false;
+  if (!tunnel.apply(lws_get_vhost_by_name(context.get(), "default"), uri_scheme, address)) return false;
 
   bool tls = uri_scheme != nullptr &&
              (std::strcmp(uri_scheme, "https") == 0 || std::strcmp(uri_scheme, "wss") == 0);
@@ -248,7 +244,7 @@ bool WebSocketClient::setup_connection() {
   // matched against the certificate's IP entries and the whole verified chain is at hand.
   this->tls.prepare(address);
   connect_info.ssl_connection = tls ? (LCCSCF_USE_SSL | LCCSCF_SKIP_SERVER_CERT_HOSTNAME_CHECK) : 0;
-  connect_info.context = context;
+  connect_info.context = context.get();
   connect_info.address = address;
   connect_info.port = port;
   connect_info.path = path_buffer;
@@ -264,8 +260,11 @@ void WebSocketClient::set_connected(bool c) {
   bool was_connected;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    was_connected = connected;
-    connected = c;
+    was_connected = linked_locked();
+    if (c)
+      go(LinkState::CONNECTED);
+    else if (was_connected || state == LinkState::CONNECTING)
+      go(keep_connected ? LinkState::CONNECTING : LinkState::STOPPED);
   }
   if (c) {
     call_guarded(on_connect, "Connect");
@@ -277,7 +276,6 @@ void WebSocketClient::set_connected(bool c) {
   if (was_connected) call_guarded(on_disconnect, "Disconnect");
   forget_connection();
   std::lock_guard<std::mutex> lock(mutex);
-  link_down.notify_all();
   if (disconnect_signalled) return;
   try {
     disconnect_promise.set_value();
@@ -314,7 +312,6 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       std::lock_guard<std::mutex> lock(client->mutex);
       client->schedule.established(monotonic_ms());
     }
-      client->closing = false;
       client->set_connected(true);
       lws_callback_on_writable(wsi);
       return 0;
@@ -357,7 +354,7 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
 }
 
 void WebSocketClient::settle_attempt_locked() {
-  if (!std::exchange(attempt_open, false)) return;
+  if (!schedule.in_attempt()) return;
   const int64_t now = monotonic_ms();
   if (schedule.is_established())
     schedule.dropped(now);
@@ -418,17 +415,20 @@ void WebSocketClient::count_failed_write_locked(const OutboundType& msg) {
 }
 
 int WebSocketClient::close_with(lws* w, int code) {
-  closing = true;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    go(LinkState::CLOSING);
+  }
   lws_close_reason(w, static_cast<lws_close_status>(code), nullptr, 0);
   return -1;
 }
 
 int WebSocketClient::on_writeable(lws* w) {
-  if (closing) return 0;
   OutboundType msg;
   {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!keep_connected) return close_with(w, kCloseDisconnecting);
+    std::unique_lock<std::mutex> lock(mutex);
+    if (state != LinkState::CONNECTED) return 0;
+    if (!keep_connected) return lock.unlock(), close_with(w, kCloseDisconnecting);
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     if (msg.message.empty() || msg.message.size() > kMaxPayload) {

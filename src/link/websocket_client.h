@@ -11,6 +11,7 @@
 #include <deque>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -24,6 +25,12 @@
 #include "zel/records.h"
 
 namespace zel {
+
+// Where the link stands; changed only by WebSocketClient::go, which logs each change.
+// idle: not started; connecting: wanted but not up (waiting for an attempt, or in one);
+// connected: up; closing: up, this side asked lws to close it; stopped: full_disconnect was
+// called and no link is up.
+enum class LinkState { IDLE, CONNECTING, CONNECTED, CLOSING, STOPPED };
 
 class WebSocketClient {
  public:
@@ -86,31 +93,34 @@ class WebSocketClient {
   // The attempt under way has ended, as a link that dropped, a refusal or a failure; the
   // schedule draws the next one. mutex held.
   void settle_attempt_locked();
+  // The one place the state changes; mutex held.
+  void go(LinkState next);
+  bool linked_locked() const { return state == LinkState::CONNECTED || state == LinkState::CLOSING; }
   // The write of the first queued frame failed on this connection; mutex held.
   void count_failed_write_locked(const OutboundType& msg);
 
   lws* wsi = nullptr;
   ProxyTunnel tunnel;  // worker thread only
   LinkTls tls;         // worker thread only
-  // Set once this side has asked lws to close the connection: lws may still offer
-  // writeable events while it waits for the close to complete, and anything written
-  // then would be lost with the connection. Worker thread only.
-  bool closing = false;
-  bool connected = false;
-  bool keep_connected = false;
+  // Closing: lws may still offer writeable events while it waits for the close to
+  // complete, and anything written then would be lost with the connection.
+  LinkState state = LinkState::IDLE;  // mutex
+  bool keep_connected = false;        // mutex: the host wants the link
   std::function<void()> on_connect;
   std::function<void()> on_disconnect;
   std::promise<void> disconnect_promise;
   bool disconnect_signalled = false;
   lws_context_creation_info context_info{};
   lws_client_connect_info connect_info{};
-  lws_context* context = nullptr;
+  struct ContextDestroy {
+    void operator()(lws_context* c) const { lws_context_destroy(c); }
+  };
+  std::unique_ptr<lws_context, ContextDestroy> context;
   const char* uri_scheme = nullptr;
   const char* uri_path = nullptr;
-  char* uri_copy = nullptr;
+  std::vector<char> uri_copy;  // lws_parse_uri cuts the URI into pieces in place
   char path_buffer[300] = {};
   ReconnectSchedule schedule;   // mutex
-  bool attempt_open = false;    // mutex: an attempt started and not yet settled
   int64_t refused_for_s = -1;   // worker: Retry-After of the attempt's refusal, -1 if none
   std::atomic<int64_t> attempts_made{0};
   std::atomic<int64_t> next_attempt_ms{0};
@@ -130,11 +140,11 @@ class WebSocketClient {
   std::atomic<size_t> outbound_count{0};
   std::atomic<size_t> inbound_count{0};
 
-  // Guards outbound, inbound and the state host threads touch: keep_connected,
-  // connected, disconnect_promise and disconnect_signalled. Never held while
-  // on_connect/on_disconnect run (they send) nor across a call into lws.
+  // Guards outbound, inbound, state, keep_connected, schedule, disconnect_promise and
+  // disconnect_signalled. Never held while on_connect/on_disconnect run (they send) nor
+  // across a call into lws (lws_callback_on_writable aside, which only marks the socket).
   std::mutex mutex;
-  std::condition_variable link_down;  // with mutex: connected has become false
+  std::condition_variable link_down;  // with mutex: the link is no longer up
   // The thread that services the socket: only it may call into lws.
   std::atomic<std::thread::id> service_thread{};
 };
