@@ -91,11 +91,11 @@ plain|clips,upload|src/upload/uploader_thread.cpp|{key, "", 0, CLIP_UPLOADING}|{
 plain|upload|src/upload/streaming_crypto.cpp|encrypted_size = file_size / kBlock * kBlock + kBlock;|encrypted_size = (file_size + kBlock - 1) / kBlock * kBlock;
 plain|upload|src/upload/streaming_crypto.cpp|if (p == 0 \|\| p > static_cast<int>(kBlock) \|\| p > len) {|if (p == 0 \|\| p > static_cast<int>(kBlock) + 1 \|\| p > len) {
 plain|upload|src/upload/streaming_crypto.cpp|carry_len = fill(carry, sizeof carry);|carry_len = fill(carry, 16);
-plain|upload|src/upload/uploader.cpp|raw = curl_slist_append(raw, "x-ms-blob-type: BlockBlob");|
-plain|upload|src/upload/uploader.cpp|"x-ms-version: 2020-04-08"|"x-ms-version: 2020-04-09"
-plain|upload|src/upload/uploader.cpp|+ ".mp4" +|+ ".mp5" +
-plain|upload|src/upload/uploader.cpp|"%Y-%m-%d", &parts)|"%Y/%m/%d", &parts)
-plain|upload|src/upload/uploader.cpp|if (d.expect_timeout_s <= 0) {|if (d.expect_timeout_s < 0) {
+plain|upload|src/upload/storage_request.cpp|if (put.whole_blob) raw = curl_slist_append(raw, "x-ms-blob-type: BlockBlob");|
+plain|upload|src/upload/storage_request.cpp|"x-ms-version: 2020-04-08"|"x-ms-version: 2020-04-09"
+plain|upload|src/upload/storage_request.cpp|+ ".mp4";|+ ".mp5";
+plain|upload|src/upload/storage_request.cpp|"%Y-%m-%d", &parts)|"%Y/%m/%d", &parts)
+plain|upload|src/upload/storage_request.cpp|if (put.expect_timeout_s <= 0) raw|if (put.expect_timeout_s < 0) raw
 plain|upload|src/upload/uploader.cpp|if (d.timeout_s > 0 && elapsed >= d.timeout_s) {|if (d.timeout_s > 0 && elapsed > d.timeout_s) {
 plain|upload|src/upload/uploader_cluster.cpp|  work_ready.notify_one();|
 plain|upload|src/upload/uploader_cluster.cpp|  queue.clear();¶  return keys;|  return keys;
