@@ -148,7 +148,7 @@ plain|clips,link|src/messaging/messaging.cpp|kDisconnectWait = std::chrono::seco
 plain|clips,link|src/messaging/messaging.cpp|kWorkerStopBound = std::chrono::seconds(31);|kWorkerStopBound = std::chrono::seconds(3100);
 # --- The exit path and the other hold-the-line additions
 plain|clips|src/messaging/messaging.cpp|static Messaging* instance = new Messaging();¶  return *instance;|static Messaging instance;¶  return instance;
-plain|clips|src/clips/upload_pool.cpp|    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);¶    if (!lock.owns_lock()) return false;  // the next|    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex);¶    if (!lock.owns_lock()) return false;  // the next
+plain|clips|src/clips/upload_pool.cpp|    if (!lock_work_by(lock, deadline)) return false;  // the next|    if (!(lock.lock(), true)) return false;  // the next
 plain|clips|src/clips/upload_pool.cpp|  if (n == 0) {|  if (false) {
 plain|clips|src/clips/upload_pool.cpp|    n = kMaxUploadThreads;|
 plain|clips|src/clips/clip_intake.cpp|  report_clip(replaced, CLIP_FAILED, "Replaced by a newer submission of the same clip");|

@@ -199,6 +199,15 @@ bool Messaging::pause(std::chrono::milliseconds d) {
   return !wake.wait_for(lock, d, [this] { return !running; });
 }
 
+bool Messaging::lock_work_by(std::unique_lock<std::recursive_timed_mutex>& lock,
+                             std::chrono::steady_clock::time_point deadline) {
+  // On the system clock, through pthread_mutex_timedlock: thread checkers see that one,
+  // while the monotonic clocklock slips past them and leaves the mutex looking unowned.
+  // A wall clock stepped meanwhile only shortens or stretches this one wait.
+  return lock.try_lock_until(std::chrono::system_clock::now() +
+                             (deadline - std::chrono::steady_clock::now()));
+}
+
 void Messaging::worker() {
   set_thread_role(ThreadRole::WORKER);
   struct MarkExited {
@@ -221,7 +230,7 @@ void Messaging::worker() {
     // A host callback on another thread may hold work_mutex as long as it likes: the link
     // is tended meanwhile, and a stop still ends the loop.
     std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
-    if (!lock.try_lock_for(kPassSleep)) continue;
+    if (!lock_work_by(lock, std::chrono::steady_clock::now() + kPassSleep)) continue;
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
     run_stage("process_access_event", [this] { process_access_event(); });

@@ -161,6 +161,9 @@ class Messaging {
   bool stop_worker(std::chrono::steady_clock::time_point deadline);
   // Waits up to d, woken at once by a stop; false once the worker is to end.
   bool pause(std::chrono::milliseconds d);
+  // Takes work_mutex by the deadline; false (not taken) after it.
+  bool lock_work_by(std::unique_lock<std::recursive_timed_mutex>& lock,
+                    std::chrono::steady_clock::time_point deadline);
   // Puts a resubmitted clip in place of its earlier submission; false when the clip is
   // uploading and the new submission was refused. work_mutex held.
   bool replace_earlier_submission(const ClipInfo& clip);

@@ -112,10 +112,12 @@ TEST(Session, ShortLinksKeepBackingOffLongOnesStartOver) {
     ASSERT_TRUE(eventually([] { return zel::Upload::stats().link_up; }));
   }
   zel::ReconnectSchedule a, b;
-  a.reset(kMac), b.reset(kMac);
   std::vector<int64_t> drawn[2];
-  for (int i = 0; i < 4; ++i)
-    for (auto [s, d] : {std::pair{&a, &drawn[0]}, {&b, &drawn[1]}}) s->attempt_started(0), s->attempt_failed(0), d->push_back(s->next_attempt_ms());
+  for (int i = 0; i < 20; ++i)
+    for (auto [s, d] : {std::pair{&a, &drawn[0]}, {&b, &drawn[1]}}) {
+      s->reset(kMac), s->attempt_started(0), s->attempt_failed(0), d->push_back(s->next_attempt_ms());
+      EXPECT_TRUE(d->back() >= 5000 && d->back() <= 10000) << d->back();
+    }
   EXPECT_NE(drawn[0], drawn[1]);
 }
 
