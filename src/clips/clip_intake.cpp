@@ -44,10 +44,10 @@ void Messaging::report_clip(const ClipInfo& clip, int state, const std::string& 
   try {
     clip.callback(state, clip, message);
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "Clip callback for %s/%lld (state %d) failed: %s\n", clip.camera_mac.c_str(),
+    zel_log(LEVEL_ERR, "Clip callback for %s/%lld (state %d) failed: %s\n", clip.camera_mac.c_str(),
             static_cast<long long>(clip.start_time), state, e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "Clip callback for %s/%lld (state %d) failed\n", clip.camera_mac.c_str(),
+    zel_log(LEVEL_ERR, "Clip callback for %s/%lld (state %d) failed\n", clip.camera_mac.c_str(),
             static_cast<long long>(clip.start_time), state);
   }
 }

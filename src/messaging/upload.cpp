@@ -136,7 +136,7 @@ bool Upload::set_tls_policy(const TlsPolicy& policy) {
   if (in_log_callback()) return false;
   bool stored = false;
   if (Messaging::get().when_stopped([&] { stored = store_tls_policy(policy); })) return stored;
-  zel_log(LOG_ERR, "TLS policy not changed: set it before connect\n");
+  zel_log(LEVEL_ERR, "TLS policy not changed: set it before connect\n");
   return false;
 }
 
