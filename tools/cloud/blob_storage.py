@@ -48,6 +48,8 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
+from process import Process
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ACCOUNT = "devstoreaccount1"
 # The emulator's published development key: not a secret.
@@ -77,14 +79,14 @@ class BlobStorage:
         log_path = os.path.join(self.location or self.scratch, "azurite.log")
         self.log = open(log_path, "w")
         store = ["--location", self.location] if self.location else ["--inMemoryPersistence"]
-        self.proc = subprocess.Popen(
+        self.proc = Process(
             [program, "--blobHost", "127.0.0.1", "--blobPort", str(port),
              "--cert", os.path.join(self.certs, "blob.pem"),
              "--key", os.path.join(self.certs, "blob.key"),
              "--skipApiVersionCheck", "--disableTelemetry"] + store,
-            stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch)
+            stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch, stdin=False)
         deadline = time.time() + 30
-        while time.time() < deadline and self.proc.poll() is None:
+        while time.time() < deadline and self.proc.alive():
             with open(log_path) as f:
                 found = re.search(r"successfully listens on https://127\.0\.0\.1:(\d+)", f.read())
             if found:
@@ -141,18 +143,11 @@ class BlobStorage:
             return {"status": e.code, "length": -1, "blob_type": "", "sha256": ""}
 
     def kill(self):
-        if self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
+        self.proc.kill()
         self.log.close()
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
+        self.proc.stop("terminate")
         self.log.close()
         if self.scratch:
             shutil.rmtree(self.scratch, ignore_errors=True)
