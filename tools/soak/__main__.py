@@ -1,0 +1,52 @@
+"""Fault soak: runs the soak host (tools/soak/host.cpp, built as build/tools/zel_soak_host)
+against the local cloud, on 127.0.0.1, while breaking the cloud and the network around it
+(faults.py, network.py: from 20 s after the start until a quiet minute before the end), then
+sets each goal's promise beside what was measured. Exit status 0 only if every goal was met.
+
+  /usr/bin/python3 tools/soak [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
+                              [--clip-bytes N] [--state DIR] [--keep] [--seed N] [--no-faults]
+"""
+
+import argparse
+import os
+import random
+import shutil
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)  # run as a directory or as a module: its files import each other by name
+from driver import Soak, say  # noqa: E402
+from faults import Delays, HostileBursts, ServerRestarts, StorageKills, Withholds  # noqa: E402
+from network import ShortResets, SilentLink, SlowUplink, StalledUpload  # noqa: E402
+from report import report  # noqa: E402
+
+FAULTS = [ServerRestarts, StorageKills, Withholds, Delays, HostileBursts, SilentLink, StalledUpload, SlowUplink,
+          ShortResets]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--host-binary", default=os.path.join(HERE, "..", "..", "build", "tools", "zel_soak_host"))
+    for flag, kind, default in (("--minutes", float, 10), ("--hours", float, 0), ("--clip-bytes", int, 16 << 20),
+                                ("--seed", int, random.randrange(1 << 30)), ("--state", str, None)):
+        parser.add_argument(flag, type=kind, default=default)
+    parser.add_argument("--keep", action="store_true", help="keep the working directory")
+    parser.add_argument("--no-faults", action="store_true", help="the same load on a calm cloud, for reference")
+    args = parser.parse_args()
+    if not os.access(args.host_binary, os.X_OK):
+        parser.error("not an executable: %s" % args.host_binary)
+    soak = Soak(args, FAULTS)
+    say("soak: seed %d, working directory %s" % (args.seed, soak.state))
+    ok = False
+    try:
+        soak.run()
+        ok = report(soak)
+    finally:
+        soak.cleanup()
+        if args.state is None and not args.keep:
+            shutil.rmtree(soak.state, ignore_errors=True)
+    return 0 if ok else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
