@@ -16,7 +16,6 @@ own log then shows each tunnel.
 """
 
 import argparse
-import datetime
 import json
 import os
 import queue
@@ -30,6 +29,7 @@ DEVICE_MAC = "001122334455"  # also the blob container, which takes no colons
 CAMERA = "0a1b2c3d4e5f"
 SECRET = "demo-secret"
 sys.path.insert(0, CLOUD)
+from formats import blob_path, iso_to_epoch  # noqa: E402
 from process import Process  # noqa: E402
 
 
@@ -232,9 +232,7 @@ def main():
 def check_blob(storage, archive, path):
     """The blob at the clip's path decrypts, with the secret handed out, to the clip itself;
     for the large clip its size is enough."""
-    start = datetime.datetime.strptime(archive["start_at"], "%Y-%m-%dT%H:%M:%SZ").replace(
-        tzinfo=datetime.timezone.utc)
-    blob = "%s/%s/%s/%d.mp4" % (DEVICE_MAC, CAMERA, start.strftime("%Y-%m-%d"), int(start.timestamp()))
+    blob = blob_path(DEVICE_MAC, CAMERA, iso_to_epoch(archive["start_at"]))
     size = os.path.getsize(path)
     expected = size // 16 * 16 + 16
     try:

@@ -1,6 +1,6 @@
 """The blob storage side of the local cloud: the Azurite emulator over HTTPS.
 
-Used by tools/demo.py, tools/soak.py and tools/cloud/local_cloud.py, and by the tests in
+Used by tools/demo.py, tools/soak and tools/cloud/local_cloud.py, and by the tests in
 machine mode (JSON lines, like messaging_server.py):
 
     blob_storage.py --machine --certs DIR [--container NAME ...]
@@ -126,6 +126,13 @@ class BlobStorage:
         except urllib.error.HTTPError as e:
             if e.code != 409:  # already there
                 raise
+
+    def delete(self, path):
+        """Deletes a blob, if the storage is up and has it."""
+        try:
+            self._open("DELETE", path).close()
+        except (OSError, ValueError):
+            pass
 
     def blob_size(self, path):
         with self._open("HEAD", path) as reply:

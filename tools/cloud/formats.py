@@ -1,5 +1,5 @@
-"""Texts both sides of the local cloud read and write: ISO times on the wire, and a served
-certificate in one line for the people at the console."""
+"""Texts both sides of the local cloud read and write: ISO times on the wire, where a clip's
+blob lies, and a served certificate in one line for the people at the console."""
 
 import datetime
 import subprocess
@@ -34,3 +34,9 @@ def iso_to_epoch(text):
         moment = moment.replace(tzinfo=datetime.timezone.utc)
     seconds = moment.timestamp()
     return int(seconds) if seconds == int(seconds) else seconds
+
+
+def blob_path(recorder, camera, start):
+    """Where the device puts a clip: container (the recorder's MAC), camera, UTC day, start second."""
+    day = datetime.datetime.fromtimestamp(start, datetime.timezone.utc).strftime("%Y-%m-%d")
+    return "%s/%s/%s/%d.mp4" % (recorder, camera, day, start)

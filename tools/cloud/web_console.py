@@ -29,7 +29,7 @@ import urllib.request
 
 from aiohttp import web
 
-from formats import iso_to_epoch
+from formats import blob_path, iso_to_epoch
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 WEB_DIR = os.path.join(HERE, "web")
@@ -181,9 +181,7 @@ class Console:
 
     def changed(self, clip):
         if clip.get("nvr"):
-            day = datetime.datetime.fromtimestamp(clip["start"], datetime.timezone.utc)
-            clip["blob"] = "%s/%s/%s/%d.mp4" % (clip["nvr"], clip["camera"], day.strftime("%Y-%m-%d"),
-                                                clip["start"])
+            clip["blob"] = blob_path(clip["nvr"], clip["camera"], clip["start"])
         if clip.get("credentials_at") and clip.get("uploaded_at"):
             took = (datetime.datetime.fromisoformat(clip["uploaded_at"].replace("Z", "+00:00")) -
                     datetime.datetime.fromisoformat(clip["credentials_at"].replace("Z", "+00:00")))

@@ -1,7 +1,7 @@
-"""Fault soak: runs the soak host (tools/soak/host.cpp, built as build/tools/zel_soak_host)
-against the local cloud, on 127.0.0.1, while breaking the cloud and the network around it
-(faults.py, network.py: from 20 s after the start until a quiet minute before the end), then
-sets each goal's promise beside what was measured. Exit status 0 only if every goal was met.
+"""Fault soak: the soak host (host.cpp, built as build/tools/zel_soak_host) against the local
+cloud on 127.0.0.1, which faults.py and network.py break from 20 s after the start until a
+quiet minute before the end; the report sets each goal's promise beside what was measured.
+Exit status 0 only if every goal was met.
 
   /usr/bin/python3 tools/soak [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
                               [--clip-bytes N] [--state DIR] [--keep] [--seed N] [--no-faults]
@@ -37,15 +37,13 @@ def main():
         parser.error("not an executable: %s" % args.host_binary)
     soak = Soak(args, FAULTS)
     say("soak: seed %d, working directory %s" % (args.seed, soak.state))
-    ok = False
     try:
         soak.run()
-        ok = report(soak)
+        return 0 if report(soak) else 1
     finally:
         soak.cleanup()
         if args.state is None and not args.keep:
             shutil.rmtree(soak.state, ignore_errors=True)
-    return 0 if ok else 1
 
 
 if __name__ == "__main__":

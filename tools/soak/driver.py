@@ -1,24 +1,22 @@
 """The soak's driver: starts the local cloud behind the fault relay and the soak host, keeps
 the timers, turns what the servers and the host say into records, and lets the faults act."""
 
-import datetime
 import heapq
 import json
 import os
 import queue
 import random
 import re
-import ssl
 import subprocess
 import sys
 import tempfile
 import threading
 import time
-import urllib.request
 
 CLOUD = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "cloud")
 sys.path.insert(0, CLOUD)
 from blob_storage import BlobStorage  # noqa: E402
+from formats import blob_path  # noqa: E402
 from process import Process  # noqa: E402
 from records import Clip, Conn, Records  # noqa: E402
 
@@ -34,19 +32,6 @@ def rel(t=None):
 
 def say(line, t=None):
     print("[%7.1fs] %s" % (rel(t), line), flush=True)
-
-
-def delete_blobs(jobs, ca):
-    """Deletes the blobs of clips that are over, off the main loop, so that disk use stays
-    bounded however long the soak runs."""
-    context = ssl.create_default_context(cafile=ca)
-    while True:
-        request = urllib.request.Request("https://127.0.0.1:%d/devstoreaccount1/%s?%s" % jobs.get(),
-                                         method="DELETE", headers={"x-ms-version": "2020-04-08"})
-        try:
-            urllib.request.urlopen(request, context=context, timeout=10).close()
-        except (OSError, ValueError):
-            pass  # never committed, or storage is down: nothing to free
 
 
 class Soak:
@@ -107,8 +92,8 @@ class Soak:
         return self.server
 
     def end_server(self, server, how):
-        server.ended_at = server.ended_at or time.monotonic()
         server.stop("kill" if how == "killed" else "close")
+        server.ended_at = server.ended_at or time.monotonic()
         for c in self.records.conns.values():
             if c.key[0] == server.index and c.end is None:
                 c.end, c.end_how = server.ended_at, how
@@ -163,10 +148,8 @@ class Soak:
             c.times.setdefault(obj["state"], t)
             c.state, c.msg = obj["state"], obj.get("msg", "")
             c.states.append(c.state)
-            if c.state in (6, 7):
-                day = datetime.datetime.fromtimestamp(c.start_time, datetime.timezone.utc).strftime("%Y-%m-%d")
-                self.deletions.put((self.storage.port, self.sas, "%s/%s/%s/%d.mp4" % (
-                    DEVICE_MAC, c.camera, day, c.start_time)))
+            if c.state in (6, 7):  # its blob goes, off the loop: disk use stays bounded however long the run
+                self.deletions.put(blob_path(DEVICE_MAC, c.camera, c.start_time))
         elif "rss_kb" in obj:
             r.samples.append(obj)
             if len(r.samples) % 6 == 0:
@@ -185,7 +168,7 @@ class Soak:
     def dispatch(self, item):
         source, index, t, line = item
         if source == "host":
-            self.host_log.write(line + "\n")
+            self.host_log.write("%s\n" % line)
         try:
             obj = json.loads(line) if line is not None else {"event": "exit"}
         except ValueError:
@@ -203,7 +186,7 @@ class Soak:
     # --------------------------------------------------------------------- run
     def run(self):
         subprocess.run(["bash", os.path.join(CLOUD, "make_certs.sh"), self.certs], check=True)
-        threading.Thread(target=delete_blobs, args=(self.deletions, os.path.join(self.certs, "ca.pem")),
+        threading.Thread(target=lambda: [self.storage.delete(b) for b in iter(self.deletions.get, None)],
                          daemon=True).start()
         if not self.start_storage():
             raise RuntimeError(self.records.problems[-1])
@@ -244,8 +227,6 @@ class Soak:
         while time.monotonic() < deadline:
             while self.timers and self.timers[0][0] <= time.monotonic():
                 heapq.heappop(self.timers)[2]()
-            for fault in self.faults:
-                fault.tick()
             try:
                 item = self.sink.get(timeout=0.05)
             except queue.Empty:

@@ -11,9 +11,9 @@ from records import Goal, Occurrence
 
 class Fault:
     """One kind of fault. start() schedules its first occurrence (each begins only inside the
-    soak's fault window), stop() ends the one on now, tick() and observe() see each pass of the
-    loop and each line of the servers and the host, and judge(records) returns the goals the
-    library promised, as measured, and a line an occurrence, made of its notes."""
+    soak's fault window), stop() ends the one on now, observe() sees each line of the servers and
+    the host, and judge(records) returns the goals the library promised, as measured, and a line
+    an occurrence, made of its notes."""
     armed = on = None
 
     def __init__(self, soak):
@@ -26,9 +26,6 @@ class Fault:
 
     def end(self, o):
         self.on = None  # what ends by itself (a service coming back) needs no more
-
-    def tick(self):
-        pass
 
     def observe(self, source, t, ev):
         pass
@@ -134,11 +131,8 @@ class StorageKills(Fault):
     def arm(self):
         if self.soak.blob_busy:
             return self.later(10, 10, self.arm)
-        self.armed = time.monotonic() + 20  # for the next upload to start
-
-    def tick(self):
-        if self.armed is not None and time.monotonic() > self.armed:
-            self.kill("at a random moment (no upload started within 20 s)")
+        self.armed = armed = object()  # for the next upload to start, or 20 s
+        self.soak.at(20, lambda: self.armed is armed and self.kill("at a random moment (no upload started in 20 s)"))
 
     def observe(self, source, t, ev):
         if source == "host" and ev.get("state") == 4 and self.armed is not None:
@@ -165,9 +159,7 @@ class StorageKills(Fault):
 
 
 class CloudAnswers(Fault):
-    """Storage credentials and/or upload acknowledgements withheld for 15-35 s, or delayed for
-    20-45 s (now and then past the clips' 20 s time-out, so that late answers arrive for clips
-    that have already failed)."""
+    """What the cloud answers for a clip (storage credentials, upload acknowledgements), held back."""
     NAMES = {"storage": "getStorageAccess", "ack": "transactionAck"}
 
     def start(self):
@@ -193,10 +185,13 @@ class CloudAnswers(Fault):
 
 
 class Withholds(CloudAnswers):
+    """Storage credentials and/or upload acknowledgements withheld for 15-35 s."""
     withhold = True
 
 
 class Delays(CloudAnswers):
+    """Storage credentials and/or upload acknowledgements delayed for 20-45 s, now and then past
+    the clips' 20 s time-out, so that late answers come for clips that have already failed."""
     withhold = False
 
 

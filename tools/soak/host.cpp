@@ -85,10 +85,8 @@ std::map<std::string, std::string> tcp_sockets(int ws_port, int blob_port) {
     for (auto& x : f) fields >> x;
     int port = static_cast<int>(std::strtol(f[2].c_str() + f[2].rfind(':') + 1, nullptr, 16));
     long st = std::strtol(f[3].c_str(), nullptr, 16);
-    out[f[9]] = std::string(port == ws_port     ? "ws"
-                            : port == blob_port ? "blob"
-                                                : "tcp") +
-                ":" + (st > 0 && st < 12 ? kStates[st] : "?");
+    const char* peer = port == ws_port ? "ws" : port == blob_port ? "blob" : "tcp";
+    out[f[9]] = std::string(peer) + ":" + (st > 0 && st < 12 ? kStates[st] : "?");
   }
   return out;
 }
@@ -101,15 +99,15 @@ Json sample(int ws_port, int blob_port, bool connected) {
                   "heap_free_kb", num(static_cast<double>(mi.fordblks / 1024)), "connected",
                   cJSON_CreateBool(connected), "t", num(std::round(elapsed_s() * 10) / 10));
   std::ifstream status("/proc/self/status");
-  static const std::pair<const char*, const char*> kFields[] = {{"VmRSS:", "rss_kb"},
-                                                                {"RssAnon:", "rss_anon_kb"},
-                                                                {"RssFile:", "rss_file_kb"},
-                                                                {"Threads:", "threads"}};
+  // Key, value: "VmRSS:" -> "rss_kb", ...
+  static const char* const kFields[] = {"VmRSS:",   "rss_kb",      "RssAnon:", "rss_anon_kb",
+                                        "RssFile:", "rss_file_kb", "Threads:", "threads"};
   for (std::string line; std::getline(status, line);) {
-    for (const auto& [field, key] : kFields)
-      if (line.rfind(field, 0) == 0)
-        cJSON_AddItemToObject(s.get(), key,
-                              num(std::strtol(line.c_str() + std::strlen(field), nullptr, 10)));
+    for (int i = 0; i < 8; i += 2) {
+      if (line.rfind(kFields[i], 0) != 0) continue;
+      long value = std::strtol(line.c_str() + std::strlen(kFields[i]), nullptr, 10);
+      cJSON_AddItemToObject(s.get(), kFields[i + 1], num(value));
+    }
   }
   std::map<std::string, std::string> socks = tcp_sockets(ws_port, blob_port);
   std::map<std::string, int> kinds;
@@ -148,27 +146,13 @@ bool is_final(int state) {
 // library while holding the lock.
 struct ClipBook {
   std::mutex mu;
-  std::vector<int8_t> last{-1};      // by clip number (from 1); -1: not reported yet
-  std::map<int, std::string> files;  // files not removed yet
+  std::vector<int8_t> last{-1};  // by clip number (from 1); -1: not reported yet
 
   int count(bool final_ones, int from_state = -1) {
     std::lock_guard<std::mutex> lock(mu);
     return static_cast<int>(std::count_if(last.begin() + 1, last.end(), [&](int8_t s) {
       return is_final(s) == final_ones && s >= from_state;
     }));
-  }
-  // Files of clips that are over go at once: a long soak must not fill the disk.
-  void tidy(bool all) {
-    std::vector<std::string> doomed;
-    {
-      std::lock_guard<std::mutex> lock(mu);
-      for (auto it = files.begin(); it != files.end();) {
-        bool over = all || is_final(last[static_cast<size_t>(it->first)]);
-        if (over) doomed.push_back(it->second);
-        it = over ? files.erase(it) : std::next(it);
-      }
-    }
-    for (const auto& p : doomed) std::remove(p.c_str());
   }
 };
 ClipBook g_book;
@@ -262,18 +246,19 @@ int main(int argc, char** argv) {
   const int64_t clip_base = static_cast<int64_t>(std::time(nullptr)) - 2 * 86400;
   int clips_submitted = 0;
   g_book.last.reserve(static_cast<size_t>(seconds / clip_every + 16));
+  auto clip_path = [&](int n) { return dir + "/soak-clip-" + std::to_string(n) + ".mp4"; };
   // Clip `content` is clip n itself, or the earlier clip it sends again.
   auto submit_clip_as = [&](int content) {
     const int n = ++clips_submitted;
-    const std::string path = dir + "/soak-clip-" + std::to_string(n) + ".mp4";
+    const std::string path = clip_path(n);
     const int64_t start_time = clip_base + static_cast<int64_t>(content) * clip_every;
     if (!write_clip(path, clip_bytes)) emit(object("error", str("could not write " + path)));
     {
       std::lock_guard<std::mutex> lock(g_book.mu);
       g_book.last.resize(std::max(g_book.last.size(), static_cast<size_t>(n) + 1), -1);
-      g_book.files[n] = path;
     }
     auto report = [n](int state, const zel::ClipInfo& info, std::string message) {
+      if (is_final(state)) std::remove(info.path.c_str());  // a long soak must not fill the disk
       {
         std::lock_guard<std::mutex> lock(g_book.mu);
         g_book.last[static_cast<size_t>(n)] = static_cast<int8_t>(state);
@@ -330,7 +315,6 @@ int main(int argc, char** argv) {
       next_clip = std::floor(t) + static_cast<double>(clip_every);
       submit_clip_as(clips_submitted + 1);
     }
-    g_book.tidy(false);
     const bool quiet = connected && g_book.count(false, zel::CLIP_WAITING_CREDENTIALS) == 0;
     if (!start_sample && baseline_asked && t >= baseline_from &&
         ((quiet && g_book.count(true) > 0) || t >= baseline_from + 90)) {
@@ -358,7 +342,6 @@ int main(int argc, char** argv) {
       Clock::now() + std::chrono::seconds(arg.number("--final-wait", 60));
   while (Clock::now() < drain_end && g_book.count(false) > 0) {
     commands.read(250);  // a pause that also keeps the driver's pipe drained
-    g_book.tidy(false);
   }
   // A short pause lets the last queued events leave too (one per worker pass).
   std::this_thread::sleep_for(std::chrono::seconds(2));
@@ -367,7 +350,7 @@ int main(int argc, char** argv) {
   const double disconnect_started = elapsed_s();
   const bool disconnected = zel::Upload::disconnect();
   const double disconnect_s = elapsed_s() - disconnect_started;
-  g_book.tidy(true);
+  for (int n = 1; n <= clips_submitted; ++n) std::remove(clip_path(n).c_str());
   Json after_disconnect = take_sample();
 
   // Every clip's outcome the driver has from the clip lines; these are the host's own figures.

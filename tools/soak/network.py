@@ -6,17 +6,13 @@ import time
 from faults import Fault, back_after
 from records import Goal
 
-# The sixth ping tick (every 30 s) after the last pong drops the link, 150-180 s after the
-# silence began; the drop is a close handshake, which on a silent path ends when lws gives up
-# on the answer (5 s). Ticks fall on whole seconds (up to 1 s late), lws checks its time-outs
-# once a second, and the close reaches the host on the next worker pass: 3 s more at most.
-SILENT_DETECT_MAX_S = 30 * 6 + 5 + 3
-RECOVERY_GOAL_S = 5 + 1.0  # the next attempt comes within 5 s; the handshakes add a fraction
-PUT_LIMIT_S = 60  # the host's UploadOpts.confirm_timeout: the whole PUT
-STALL_GRACE_S = 2
-# An upload thread logs its failure when it happens; state 7 comes with the worker's next
-# pass, and while the link is down the worker only tends the socket.
-REPORT_AFTER_LINK_S = 2
+# The sixth ping tick (every 30 s) after the last pong drops the link with a close handshake,
+# which on a silent path ends when lws gives up on the answer (5 s); the ticks, lws' time-out
+# checks and the worker's passes add 3 s at most. The next attempt comes within 5 s.
+SILENT_DETECT_MAX_S, RECOVERY_GOAL_S = 30 * 6 + 5 + 3, 5 + 1.0
+# The whole PUT has the host's UploadOpts.confirm_timeout; its thread logs the failure at once,
+# state 7 comes with the worker's next pass, which while the link is down only tends the socket.
+PUT_LIMIT_S, STALL_GRACE_S, REPORT_AFTER_LINK_S = 60, 2, 2
 
 
 def figures(values, digits=1):
@@ -107,14 +103,14 @@ class StalledUpload(Fault):
         if due < PUT_LIMIT_S + 90 or s.blob_busy or s.link_busy or s.fault["StorageKills"].down():
             return self.later(*(20, 20) if due < PUT_LIMIT_S + 90 else (10, 10), self.begin)
         # A slower path first, so that the stall surely lands in the middle of a PUT.
-        s.blob_busy, self.armed = True, time.monotonic() + 60
+        s.blob_busy, self.armed = True, object()
         s.relay.send("blob throttle %d" % (2 * 1024 * 1024))
+        s.at(60, lambda armed=self.armed: self.armed is armed and self.skip())
 
-    def tick(self):
-        if self.armed is not None and time.monotonic() > self.armed:  # no PUT started: skipped
-            self.armed, self.soak.blob_busy = None, False
-            self.soak.relay.send("blob pass")
-            self.later(120, 240, self.begin)
+    def skip(self):  # no PUT started in 60 s
+        self.armed, self.soak.blob_busy = None, False
+        self.soak.relay.send("blob pass")
+        self.later(120, 240, self.begin)
 
     def observe(self, source, t, ev):
         if source == "host" and ev.get("state") == 4 and self.armed is not None:

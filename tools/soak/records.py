@@ -1,5 +1,6 @@
 """What the soak saw, as records: clips, connections, events, fault occurrences and goals."""
 
+from collections import namedtuple
 from dataclasses import dataclass, field
 
 
@@ -36,11 +37,7 @@ class Occurrence:  # one occurrence of a fault, with the times its judge needs
     notes: list = field(default_factory=list)  # what happened, in words, for the report
 
 
-@dataclass
-class Goal:
-    promise: str
-    measured: str
-    met: bool
+Goal = namedtuple("Goal", "promise measured met")  # one row of the report's table
 
 
 @dataclass

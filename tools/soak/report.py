@@ -7,7 +7,6 @@ import inspect
 import json
 import os
 import signal
-from dataclasses import asdict
 
 from records import Goal
 
@@ -97,9 +96,9 @@ def host(r):
                      rc, " (CRASHED: %s)" % signal.Signals(-rc).name if crashed else "", "ok" if f.get(
                          "disconnect_ok") else "FAILED", f.get("disconnect_s", -1), "; ".join(r.problems) or "no problems"),
                  not crashed and f.get("disconnect_ok") is True and not r.problems)], [
-        "connections seen by the servers: %d (other ends: %s); host callbacks: %s connects, %s disconnects; %d lines "
-        "from the library on stdout that are not JSON" % (len(r.conns), ", ".join(ends) or "none", f["connects"],
-                                                          f["disconnects"], r.other_lines)]
+        "connections seen by the servers: %d (other ends: %s); host callbacks: %s connects, %s disconnects; %d "
+        "non-JSON lines from the library" % (len(r.conns), ", ".join(ends) or "none", f["connects"], f["disconnects"],
+                                             r.other_lines)]
 
 
 def report(soak):
@@ -122,13 +121,7 @@ def report(soak):
         out += ["  %-8s %s" % ("MET" if g.met else "NOT MET", g.promise), "  %8s %s" % ("", g.measured)]
     out += ["", "VERDICT: %s" % ("THE LIBRARY HELD" if all(g.met for g in goals) else
                                  "THE LIBRARY DID NOT HOLD (see NOT MET above)")]
-    if not soak.args.hours:
-        out += ["", "Long soak (by hand, not in CI): /usr/bin/python3 tools/soak --hours 8 --host-binary %s" %
-                soak.args.host_binary, "  It runs about 8 h 2 min and prints the host's figures every minute and "
-                "each fault as it happens; add --keep --state DIR to keep the logs."]
+    out += ["", "Long soak (by hand, not in CI; about 8 h 2 min; --keep --state DIR keeps the logs): "
+            "/usr/bin/python3 tools/soak --hours 8 --host-binary %s" % soak.args.host_binary] * (not soak.args.hours)
     print("\n".join(out), flush=True)
-    # What the report was made from, for a person looking into a failed run (--keep).
-    with open(os.path.join(soak.state, "soak-record.json"), "w") as f:
-        json.dump({"clips": [asdict(c) for c in r.clips.values()], "conns": [asdict(c) for c in r.conns.values()],
-                   "faults": {x.name: [asdict(o) for o in x.log] for x in soak.faults}}, f, default=str)
     return all(g.met for g in goals)
