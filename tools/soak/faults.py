@@ -199,17 +199,15 @@ def hostile_frames():
     """Commands for the server; none asks the device to change anything it keeps."""
     env = lambda subject, content: json.dumps({"id": "h-%d" % random.randrange(1 << 30), "from": "cloud",
                                                "to": DEVICE_MAC, "subject": subject, "content": content})
-    texts = ["this is not json {{{", "", "[" * 5000, "x" * (2 * 1024 * 1024 + 7),
-             json.dumps({"id": "h-huge", "from": "cloud", "subject": "soakNoSuchSubject",
-                         "content": {"blob": "x" * (1536 * 1024)}}),
-             '{"id":"h-ns","from":"cloud","content":{"a":1}}', '{"subject":42,"id":"h-t1","from":"cloud"}',
-             '{"subject":null}', '{"subject":["pong"],"content":"pong"}', "[1,2,3]", "null", '"just a string"',
-             env("getStorageAccess", "not an object"),
-             env("getStorageAccess", {"account": 5, "token": [], "secret": None, "start_at": 17, "camera_mac": {}}),
-             env("transactionAck", [1, 2, 3]), env("transactionAck", {"type": "archive", "from": 7, "start_at": None}),
-             json.dumps({"id": 5, "from": None, "subject": "details", "content": {}}),
-             env("pong", {"unexpected": True}), env("soakUnknownSubject", {"x": 1}), env('soak"quoted\\subject', {}),
-             env("transaction", {"model": 5, "properties": "x"})]
+    texts = ["this is not json {{{", "", "[" * 5000, "x" * (2 * 1024 * 1024 + 7), json.dumps({
+        "id": "h-huge", "from": "cloud", "subject": "soakNoSuchSubject", "content": {"blob": "x" * (1536 * 1024)}}),
+        '{"id":"h-ns","from":"cloud","content":{"a":1}}', '{"subject":42,"id":"h-t1","from":"cloud"}',
+        '{"subject":null}', '{"subject":["pong"],"content":"pong"}', "[1,2,3]", "null", '"just a string"',
+        env("getStorageAccess", "not an object"), env("transaction", {"model": 5, "properties": "x"}),
+        env("getStorageAccess", {"account": 5, "token": [], "secret": None, "start_at": 17, "camera_mac": {}}),
+        env("transactionAck", [1, 2, 3]), env("transactionAck", {"type": "archive", "from": 7, "start_at": None}),
+        json.dumps({"id": 5, "from": None, "subject": "details", "content": {}}), env("pong", {"unexpected": True}),
+        env("soakUnknownSubject", {"x": 1}), env('soak"quoted\\subject', {})]
     return [{"cmd": "send", "text": t} for t in texts] + [
         {"cmd": "send_binary", "text": '{"subject":"pong","content":"pong"}'},
         {"cmd": "send_binary", "text": "\u0000\u00ff\u0001binary"},
