@@ -41,6 +41,7 @@ import types
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
+import fault_relay  # noqa: E402
 from blob_storage import BlobStorage  # noqa: E402
 from formats import describe_cert  # noqa: E402
 from http_proxy import HttpProxy, free_port  # noqa: E402
@@ -164,14 +165,10 @@ def run_with_console(args, certs, flags, storage):
 
 def run_with_relay(args, certs, storage, flags):
     """The same cloud behind the fault relay; the console feeds both."""
-    server_port = free_port()
-    relay = Process(["/usr/bin/python3", os.path.join(HERE, "fault_relay.py"),
-                     "--relay", "link=%d:%d" % (server_port, args.port),
-                     "--relay", "blob=%d:%d" % (storage.port, args.blob_port)], events=True)
-    server = None
-    try:
-        # The asked ports, or free ones for 0.
-        ports = {e["relay"]: e["port"] for e in (relay.wait_live(), relay.wait_live())}
+    server_port, server, relay = free_port(), None, None
+    try:  # the relay listens on the asked ports, or on free ones for 0
+        relay, ports = fault_relay.start(["link=%d:%d" % (server_port, args.port),
+                                          "blob=%d:%d" % (storage.port, args.blob_port)])
         threading.Thread(target=lambda: [print("relay: " + json.dumps(e), flush=True)
                                          for e in iter(relay.events.get, {"event": "exit"})], daemon=True).start()
         print("Local cloud is up, behind the fault relay. Point the host at it with:")

@@ -1,7 +1,6 @@
 """Fault soak: the soak host (host.cpp, built as build/tools/zel_soak_host) against the local
-cloud on 127.0.0.1, which faults.py and network.py break from 20 s after the start until a
-quiet minute before the end; the report sets each goal's promise beside what was measured.
-Exit status 0 only if every goal was met.
+cloud on 127.0.0.1, which faults.py and network.py break from 20 s in until a quiet last minute;
+the report sets each goal's promise beside what was measured. Exit status 0 if every goal was met.
 
   /usr/bin/python3 tools/soak [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
                               [--clip-bytes N] [--state DIR] [--keep] [--seed N] [--no-faults]

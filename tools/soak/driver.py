@@ -15,6 +15,7 @@ import time
 
 CLOUD = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "cloud")
 sys.path.insert(0, CLOUD)
+import fault_relay  # noqa: E402
 from blob_storage import BlobStorage  # noqa: E402
 from formats import blob_path  # noqa: E402
 from process import Process  # noqa: E402
@@ -45,10 +46,9 @@ class Soak:
         # Cloud behaviour wanted now; every new server instance starts with it.
         self.flags = {"auto_storage": True, "auto_ack": True, "storage_delay": 0.0, "ack_delay": 0.0,
                       "storage_secret": "soak-secret"}
-        self.servers, self.server, self.server_port, self.storage = {}, None, 0, None
-        self.link_busy = self.blob_busy = False  # a link (blob) fault is on: no other on that path
+        self.servers, self.server, self.server_port, self.storage, self.records = {}, None, 0, None, Records()
+        self.link_busy = self.blob_busy = self.baseline_asked = False  # a link (blob) fault is on: none other there
         self.silence_due = None  # when the next silent link is due: upload faults keep clear
-        self.baseline_asked, self.records = False, Records()
         self.faults = [kind(self) for kind in fault_kinds]
         self.fault = {type(f).__name__: f for f in self.faults}
 
@@ -66,7 +66,6 @@ class Soak:
         self.files.append(open(os.path.join(self.state, name), "w"))
         return self.files[-1]
 
-    # ---------------------------------------------------------------- the cloud
     def start_storage(self):
         for attempt in range(3):  # on the same port; in a fresh location after a failure
             try:
@@ -119,7 +118,6 @@ class Soak:
             self.host.send("baseline")
             say("host: resource baseline from now on (%s)" % why)
 
-    # ---------------------------------------------------------- what they say
     def on_server(self, index, t, ev):
         kind, r = ev.get("event"), self.records
         c = r.conns.get((index, ev.get("conn")))
@@ -129,8 +127,6 @@ class Soak:
             r.conns[(index, ev["conn"])] = Conn((index, ev["conn"]), t)
         elif kind == "close" and c is not None and c.end is None:
             c.end, c.end_how = t, self.fault["SilentLink"].close_how(c.key) or "closed %s" % ev.get("code")
-            if ev.get("code") != 1001:
-                say("device: link on instance %d closed with code %s" % (index, ev.get("code")), t)
         elif kind == "message":
             # The sequence number rides in a field the library passes through untouched.
             mark = re.search(r'"(?:thumbnail|tag)":\s*"soak-([ma])-(\d+)"', ev.get("text", ""))
@@ -152,10 +148,9 @@ class Soak:
                 self.deletions.put(blob_path(DEVICE_MAC, c.camera, c.start_time))
         elif "rss_kb" in obj:
             r.samples.append(obj)
-            if len(r.samples) % 6 == 0:
-                say("host: rss %d kB, heap %d kB, %d fds, %d threads, %d clips (%d over), %sconnected" % (
-                    obj["rss_kb"], obj["heap_kb"], obj["fds"], obj["threads"], obj["clips"], obj["clips_final"],
-                    "" if obj["connected"] else "NOT "), t)
+            if len(r.samples) % 6 == 0:  # a minute
+                say("host: %(rss_kb)d kB, %(fds)d fds, %(threads)d threads, %(clips_final)d of %(clips)d clips over, "
+                    "connected: %(connected)s" % obj, t)
         elif "link" in obj:
             r.link.append((t, obj["link"] == "up"))
         elif UPLOAD_FAILED.match(obj.get("log", "")):
@@ -183,28 +178,23 @@ class Soak:
             for fault in self.faults:
                 fault.observe(source, t, obj)
 
-    # --------------------------------------------------------------------- run
     def run(self):
         subprocess.run(["bash", os.path.join(CLOUD, "make_certs.sh"), self.certs], check=True)
         threading.Thread(target=lambda: [self.storage.delete(b) for b in iter(self.deletions.get, None)],
                          daemon=True).start()
         if not self.start_storage():
             raise RuntimeError(self.records.problems[-1])
-        # One SAS for the whole run (and a day): every server instance hands out the same
-        # credentials, as a real cloud would within their lifetime.
+        # One SAS for the run and a day: each server hands out the same, as a real cloud would.
         self.sas = self.storage.sas_token(valid_s=self.total_s + 86400)
         self.start_server()
         while not self.server_port:
             self.dispatch(self.sink.get(timeout=20))
         # The device reaches both services through the fault relay, one path each.
-        self.relay = Process(["/usr/bin/python3", os.path.join(CLOUD, "fault_relay.py"), "--relay",
-                              "link=%d" % self.server_port, "--relay", "blob=%d" % self.storage.port],
-                             events=True, stderr=self.log_file("relay.stderr"))
-        ports = {e["relay"]: e["port"] for e in (self.relay.wait_live(), self.relay.wait_live())}
+        self.relay, ports = fault_relay.start(["link=%d" % self.server_port, "blob=%d" % self.storage.port],
+                                              stderr=self.log_file("relay.stderr"))
         say("cloud: server on port %d, storage on port %d; relay: link on port %d, blob on port %d" % (
             self.server_port, self.storage.port, ports["link"], ports["blob"]))
-        clips = os.path.join(self.state, "clips")
-        os.makedirs(clips, exist_ok=True)
+        os.makedirs(clips := os.path.join(self.state, "clips"), exist_ok=True)
         self.host_log = self.log_file("host.out")
         self.host = Process(
             [self.args.host_binary, "--server", "wss://127.0.0.1:%d/" % ports["link"], "--mac", DEVICE_MAC,

@@ -10,10 +10,9 @@ from records import Goal, Occurrence
 
 
 class Fault:
-    """One kind of fault. start() schedules its first occurrence (each begins only inside the
-    soak's fault window), stop() ends the one on now, observe() sees each line of the servers and
-    the host, and judge(records) returns the goals the library promised, as measured, and a line
-    an occurrence, made of its notes."""
+    """One kind of fault: start() schedules its first occurrence, stop() ends the one on now,
+    observe() sees each line of the servers and the host, judge(records) returns the goals the
+    library promised, as measured, and a line an occurrence, made of its notes."""
     armed = on = None
 
     def __init__(self, soak):

@@ -21,7 +21,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -92,22 +91,16 @@ std::map<std::string, std::string> tcp_sockets(int ws_port, int blob_port) {
 }
 
 // Resident memory also counts what the allocator keeps after frees; the heap's bytes in use
-// tell a leak from fragmentation.
+// (mallinfo2) tell a leak from fragmentation.
 Json sample(int ws_port, int blob_port, bool connected) {
   const struct mallinfo2 mi = mallinfo2();
-  Json s = object("heap_kb", num(static_cast<double>((mi.uordblks + mi.hblkhd) / 1024)),
-                  "heap_free_kb", num(static_cast<double>(mi.fordblks / 1024)), "connected",
-                  cJSON_CreateBool(connected), "t", num(std::round(elapsed_s() * 10) / 10));
+  Json s =
+      object("heap_kb", num(static_cast<double>((mi.uordblks + mi.hblkhd) / 1024)), "connected",
+             cJSON_CreateBool(connected), "t", num(std::round(elapsed_s() * 10) / 10));
   std::ifstream status("/proc/self/status");
-  // Key, value: "VmRSS:" -> "rss_kb", ...
-  static const char* const kFields[] = {"VmRSS:",   "rss_kb",      "RssAnon:", "rss_anon_kb",
-                                        "RssFile:", "rss_file_kb", "Threads:", "threads"};
   for (std::string line; std::getline(status, line);) {
-    for (int i = 0; i < 8; i += 2) {
-      if (line.rfind(kFields[i], 0) != 0) continue;
-      long value = std::strtol(line.c_str() + std::strlen(kFields[i]), nullptr, 10);
-      cJSON_AddItemToObject(s.get(), kFields[i + 1], num(value));
-    }
+    if (line.rfind("VmRSS:", 0) == 0) add(s.get(), "rss_kb", num(std::atol(line.c_str() + 6)));
+    if (line.rfind("Threads:", 0) == 0) add(s.get(), "threads", num(std::atol(line.c_str() + 8)));
   }
   std::map<std::string, std::string> socks = tcp_sockets(ws_port, blob_port);
   std::map<std::string, int> kinds;
@@ -243,7 +236,6 @@ int main(int argc, char** argv) {
   // blob name and credential key) is distinct for runs up to days long.
   const int64_t clip_base = static_cast<int64_t>(std::time(nullptr)) - 2 * 86400;
   int clips_submitted = 0;
-  g_book.last.reserve(static_cast<size_t>(seconds / clip_every + 16));
   auto clip_path = [&](int n) { return dir + "/soak-clip-" + std::to_string(n) + ".mp4"; };
   // Clip `content` is clip n itself, or the earlier clip it sends again.
   auto submit_clip_as = [&](int content) {
@@ -275,8 +267,7 @@ int main(int argc, char** argv) {
 
   auto submit_events = [&] {
     const int64_t now = static_cast<int64_t>(std::time(nullptr));
-    // The sequence number rides in fields the library passes through untouched, so the
-    // cloud side can tell exactly which events arrived.
+    // The sequence number rides in fields the library passes through untouched.
     ++motion_sent;
     zel::Upload::upload_event(
         zel::EventInfo{1, camera, now - 1, now, "soak-m-" + std::to_string(motion_sent)});
@@ -325,16 +316,13 @@ int main(int argc, char** argv) {
     if (t >= next_report) {
       next_report = std::floor(t) + 10;
       Json s = take_sample();
-      for (auto [key, v] : {std::pair<const char*, double>{"clips", clips_submitted},
-                            {"clips_final", g_book.count(true)},
-                            {"events", motion_sent + access_sent}})
-        cJSON_AddItemToObject(s.get(), key, num(v));
+      add(s.get(), "clips", num(clips_submitted), "clips_final", num(g_book.count(true)), "events",
+          num(motion_sent + access_sent));
       emit(s);
     }
   }
 
   // Submitting is over: every clip has its chance to end, bounded.
-  emit(object("draining", cJSON_CreateTrue()));
   const Clock::time_point drain_end =
       Clock::now() + std::chrono::seconds(arg.number("--final-wait", 60));
   while (Clock::now() < drain_end && g_book.count(false) > 0) {

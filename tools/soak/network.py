@@ -177,14 +177,15 @@ class StalledUpload(Fault):
                 reported += [t7 - t4] if t7 else []
                 ended += [tf - t4] if tf else []
                 nxt = [r.clip_time(m, 4) for m in r.clips if t7 and (r.clip_time(m, 4) or 0) > t7]
-                tries = [r.clips[m] for m in o.extra["tries"].get(n, []) if m in r.clips]
-                if not (tf and tf <= limit and nxt and any(5 in t.states for t in tries) and
+                tries = [r.clips[m].state for m in o.extra["tries"].get(n, []) if m in r.clips]
+                if not (tf and tf <= limit and nxt and any(5 in r.clips[m].states for m in o.extra["tries"].get(n, [])
+                                                           if m in r.clips) and
                         t7 <= (max(limit, back + REPORT_AFTER_LINK_S) if back is not None else limit)):
                     failed.append(o)
-                o.notes.append("clip %d ended %s after its PUT began, state 7 %s after (%s), %s, sent again: %s" % (
-                    n, "%.1f s" % (tf - t4) if tf else "with NO failure logged", "%.1f s" % (t7 - t4) if t7 else
-                    "NEVER", c.msg[:60] if c else "?", "next PUT %.1f s later" % (min(nxt) - t7) if nxt else
-                    "NO PUT AFTER IT", [t.state for t in tries]))
+                o.notes.append("clip %d: the upload ended %s, state 7 %s after its PUT began (%s); next PUT %s; sent "
+                               "again: %s" % (n, "%.1f s" % (tf - t4) if tf else "with NO failure logged",
+                                              "%.1f s" % (t7 - t4) if t7 else "NEVER", c.msg[:60] if c else "?",
+                                              "%.1f s later" % (min(nxt) - t7) if nxt else "NONE", tries))
         return [Goal("stalled upload: it ends within the PUT limit (%d s) + %d s, state 7 reaches the host then (or "
                      "within %d s of the link's return), the next clip goes, the clip sent again uploads" % (
                          PUT_LIMIT_S, STALL_GRACE_S, REPORT_AFTER_LINK_S),
@@ -230,15 +231,12 @@ class SlowUplink(Fault):
         for o in self.log:
             end = o.back_at or o.at + o.length
             mine = [n for n in r.clips if o.at <= (r.clip_time(n, 4) or -1) < end]
-            done = [n for n in mine if (r.clip_time(n, 5) or end + 1) <= end]
-            rates = sorted(self.soak.args.clip_bytes / max(0.001, r.clip_time(n, 5) - r.clip_time(n, 4)) // 1000
-                           for n in done)
-            failed = [n for n in mine if r.clip_time(n, 5) is None and r.clips[n].state == 7]
-            o.notes.append("%d PUTs began; %d uploaded while throttled (%s); %d after full speed came back; %d failed: "
-                           "%s" % (len(mine), len(done), "%d..%d kB/s a clip, p50 %d" % (
-                               rates[0], rates[-1], rates[(len(rates) - 1) // 2]) if rates else "none",
-                               sum(1 for n in mine if r.clip_time(n, 5) and n not in done), len(failed),
-                               r.outcomes(failed)))
+            done = sorted(self.soak.args.clip_bytes / (r.clip_time(n, 5) - r.clip_time(n, 4)) // 1000 for n in mine
+                          if (r.clip_time(n, 5) or end + 1) <= end)
+            o.notes.append("%d PUTs began, %d uploaded while throttled (%s); after it: %s" % (
+                len(mine), len(done), "%d..%d kB/s a clip, p50 %d" % (done[0], done[-1], done[(len(done) - 1) // 2])
+                if done else "none", r.outcomes([n for n in mine if r.clip_time(n, 5) is None or
+                                                 r.clip_time(n, 5) > end])))
         return [], self.lines()
 
 
