@@ -47,8 +47,11 @@ def start_server(certs, state, web=None, blob_port=None):
         argv = [os.path.join(CLOUD, "local_cloud.py"), "--machine", "--state", state, "--web", str(web)] + \
             (["--blob-port", str(blob_port)] if blob_port else [])
     server = Process(["/usr/bin/python3"] + argv + ["--port", "0"], events=True)
-    server.port = server.wait_live(timeout=15)["port"]
-    server.web_port = server.wait_live(("web",), timeout=15)["port"] if web is not None else None
+    ports = {}  # the console's port comes first, when there is one
+    while "listening" not in ports or (web is not None and "web" not in ports):
+        event = server.wait_live(("listening", "web"), timeout=15)
+        ports[event["event"]] = event["port"]
+    server.port, server.web_port = ports["listening"], ports.get("web")
     return server
 
 
