@@ -1,9 +1,9 @@
 """Fault soak: the soak host (host.cpp, built as build/tools/zel_soak_host) against the local
-cloud on 127.0.0.1, which faults.py and network.py break from 20 s in until a quiet last minute;
+cloud on 127.0.0.1, which faults.py breaks from 20 s in until a quiet last minute;
 the report sets each goal's promise beside what was measured. Exit status 0 if every goal was met.
 
   /usr/bin/python3 tools/soak [--host-binary BUILD/tools/zel_soak_host] [--minutes 10 | --hours 8]
-                              [--clip-bytes N] [--state DIR] [--keep] [--seed N] [--no-faults]
+                              [--clip-bytes N] [--state DIR] [--keep] [--seed N]
 """
 
 import argparse
@@ -15,12 +15,11 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)  # run as a directory or as a module: its files import each other by name
 from driver import Soak, say  # noqa: E402
-from faults import Delays, HostileBursts, ServerRestarts, StorageKills, Withholds  # noqa: E402
-from network import ShortResets, SilentLink, SlowUplink, StalledUpload  # noqa: E402
+import faults  # noqa: E402
 from report import report  # noqa: E402
 
-FAULTS = [ServerRestarts, StorageKills, Withholds, Delays, HostileBursts, SilentLink, StalledUpload, SlowUplink,
-          ShortResets]
+FAULTS = [faults.ServerRestarts, faults.StorageKills, faults.Withholds, faults.Delays, faults.HostileBursts,
+          faults.SilentLink, faults.StalledUpload, faults.SlowUplink, faults.ShortResets]
 
 
 def main():
@@ -30,7 +29,6 @@ def main():
                                 ("--seed", int, random.randrange(1 << 30)), ("--state", str, None)):
         parser.add_argument(flag, type=kind, default=default)
     parser.add_argument("--keep", action="store_true", help="keep the working directory")
-    parser.add_argument("--no-faults", action="store_true", help="the same load on a calm cloud, for reference")
     args = parser.parse_args()
     if not os.access(args.host_binary, os.X_OK):
         parser.error("not an executable: %s" % args.host_binary)

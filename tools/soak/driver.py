@@ -1,5 +1,5 @@
-"""The soak's driver: starts the local cloud behind the fault relay and the soak host, keeps
-the timers, turns what the servers and the host say into records, and lets the faults act."""
+"""The soak's driver: the local cloud behind the fault relay, the soak host, the timers, and what the
+servers and the host say, turned into records for the faults to act on and judge."""
 
 import heapq
 import json
@@ -105,9 +105,8 @@ class Soak:
         return any(c.key[0] == self.server.index and c.end is None for c in self.records.conns.values())
 
     def maybe_baseline(self):
-        """The host's resource baseline comes once a silent link, a stalled upload and a slow
-        uplink have each been seen (each sets the allocator's high-water mark once), or at the
-        latest shortly before half-way."""
+        """The host's resource baseline comes once a silent link, a stalled upload and a slow uplink
+        have each been seen (each sets the allocator's high-water mark once), or before half-way."""
         if all(self.fault[k].log and self.fault[k].log[0].back_at for k in ("SilentLink", "StalledUpload",
                                                                             "SlowUplink")):
             self.at(30, lambda: self.ask_baseline("every network fault seen once"))
@@ -124,7 +123,7 @@ class Soak:
         if kind == "listening":
             self.server_port = self.server_port or ev["port"]
         elif kind == "connect":
-            r.conns[(index, ev["conn"])] = Conn((index, ev["conn"]), t)
+            r.conns[(index, ev["conn"])] = Conn((index, ev["conn"]))
         elif kind == "close" and c is not None and c.end is None:
             c.end, c.end_how = t, self.fault["SilentLink"].close_how(c.key) or "closed %s" % ev.get("code")
         elif kind == "message":
@@ -205,8 +204,7 @@ class Soak:
                                                           ports["blob"]))
         started = time.monotonic()
         self.fault_from = started + FIRST_FAULT_S
-        self.fault_until = self.fault_from if self.args.no_faults else \
-            started + max(FIRST_FAULT_S, self.total_s - QUIET_TAIL_S)
+        self.fault_until = started + max(FIRST_FAULT_S, self.total_s - QUIET_TAIL_S)
         say("host: started, %d s of clips (%d bytes every 4 s) and events (2 a second); faults until %.0fs" % (
             self.total_s, self.args.clip_bytes, rel(self.fault_until)))
         self.at(FIRST_FAULT_S, lambda: [f.start() for f in self.faults])

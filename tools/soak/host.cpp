@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -150,18 +151,6 @@ struct ClipBook {
 };
 ClipBook g_book;
 
-// Content does not matter to the library: a sparse file of the size wanted, written at once.
-bool write_clip(const std::string& path, int64_t size) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  return f.seekp(size - 1) && f.put('\0') && f.flush();
-}
-
-// The port after the last colon ("wss://127.0.0.1:PORT/", ".blob.localhost:PORT"), or 443.
-int port_of(const std::string& text) {
-  size_t colon = text.rfind(':');
-  return colon == std::string::npos ? 443 : std::atoi(text.c_str() + colon + 1);
-}
-
 // The driver's commands, read between passes of the main loop (the only thread that reads
 // them): waiting on stdin for at most `ms` is the loop's only pause, so no thread is needed.
 std::vector<std::string> read_commands(int ms) {
@@ -194,9 +183,12 @@ int main(int argc, char** argv) {
   // be taken, or one-off high-water marks would pass for growth.
   const bool baseline_on_command = arg.number("--baseline-on-command", 0) != 0;
   const std::string dir = arg.text("--dir", "/tmp"), camera = arg.text("--camera", "0a1b2c3d4e5f");
-  const char* blob_domain = std::getenv("ZEL_BLOB_DOMAIN");
-  const int ws_port = port_of(arg.text("--server")),
-            blob_port = port_of(blob_domain ? blob_domain : "");
+  // The port after the last colon ("wss://127.0.0.1:PORT/", ".blob.localhost:PORT").
+  auto port_of = [](const char* text) {
+    return text && std::strrchr(text, ':') ? std::atoi(std::strrchr(text, ':') + 1) : 443;
+  };
+  const std::string server = arg.text("--server");
+  const int ws_port = port_of(server.c_str()), blob_port = port_of(std::getenv("ZEL_BLOB_DOMAIN"));
 
   std::atomic<bool> connected{false};
   std::atomic<int> connects{0}, disconnects{0};
@@ -204,15 +196,12 @@ int main(int argc, char** argv) {
   auto take_sample = [&] { return sample(ws_port, blob_port, connected); };
   Json before_connect = take_sample();
 
-  // A real host registers every callback; these only count, and return at once.
+  // A real host registers every callback; these do nothing, and return at once.
   zel::Upload::register_cloud_status([](zel::CloudStatus) {});
   zel::Upload::register_list_actions([](std::string) { return zel::MsgResponse("[]"); });
-  zel::Upload::register_perform_action([](zel::ActionInfo) {
-    return zel::MsgResponse::Error("{\"error\":\"soak host performs nothing\"}");
-  });
-  zel::Upload::register_ota_update([](zel::UpdateInfo) {
-    return zel::MsgResponse::Error("{\"error\":\"soak host takes no updates\"}");
-  });
+  zel::Upload::register_perform_action(
+      [](zel::ActionInfo) { return zel::MsgResponse::Error("{}"); });
+  zel::Upload::register_ota_update([](zel::UpdateInfo) { return zel::MsgResponse::Error("{}"); });
   // Errors and warnings, timed: an upload thread logs its failure when it happens, while
   // the clip's state-7 report waits for the worker's next pass.
   zel::Upload::set_log_levels(3);
@@ -242,7 +231,9 @@ int main(int argc, char** argv) {
     const int n = ++clips_submitted;
     const std::string path = clip_path(n);
     const int64_t start_time = clip_base + static_cast<int64_t>(content) * clip_every;
-    if (!write_clip(path, clip_bytes)) emit(object("error", str("could not write " + path)));
+    // Content does not matter to the library: a sparse file of the size wanted.
+    if (!std::ofstream(path, std::ios::binary).seekp(clip_bytes - 1).put('\0').flush())
+      emit(object("error", str("could not write " + path)));
     {
       std::lock_guard<std::mutex> lock(g_book.mu);
       g_book.last.resize(std::max(g_book.last.size(), static_cast<size_t>(n) + 1), -1);

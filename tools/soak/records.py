@@ -18,7 +18,6 @@ class Clip:
 @dataclass
 class Conn:  # one connection of the device to one messaging server instance
     key: tuple  # (instance, conn)
-    start: float
     end: float = None
     end_how: str = None  # "killed", "stopped", "closed CODE" or "blackholed"
 

@@ -11,9 +11,8 @@ import signal
 from records import Goal
 
 FINAL = (1, 6, 7)
-LOST = {"killed": "lost with a dying socket (server killed)", "stopped": "lost around a clean close (1001)",
-        "closed 1001": "lost around a clean close (1001)",
-        "blackholed": "handed to the socket of a silent link (relay blackhole)"}
+LOST = {"killed": "lost with a dying socket (server killed)", "blackholed": "handed to the socket of a silent link",
+        "stopped": "lost around a clean close (1001)", "closed 1001": "lost around a clean close (1001)"}
 
 
 def clips(r):
@@ -30,10 +29,8 @@ def clips(r):
 
 
 def events(r):
-    """Places each event that never arrived: written to a connection that then died (the library
-    keeps no event once written to a socket; after a clean close only if the server stopped before
-    the device had read the close), still queued at the end, or unaccounted (a gap inside one
-    connection), which fails the run."""
+    """Places each event that never arrived: written to a connection that then died (the library keeps
+    none once written to a socket), or unaccounted (a gap inside one connection), which fails the run."""
     lines, parts, ok = [], [], True
     for key, got in r.received.items():
         submitted, seqs, missing = r.final["events_submitted"][key], sorted(got), collections.defaultdict(list)
@@ -59,10 +56,8 @@ def resources(r):
         return [Goal("host resources steady", "no start/end figures", False)], []
     m, b, a = r.final["mid"], r.final["before_connect"], r.final["after_disconnect"]
     pct = lambda x, y: 100.0 * (y - x) / x if x else 0.0
-    span = lambda k: "%s %d..%d" % (k, min(x[k] for x in r.samples), max(x[k] for x in r.samples))
-    # Resident memory swings by the 2-3 MB the allocator trims from the top of its heap or
-    # keeps; a start sample taken in a trough reads as growth. So the goal compares like with
-    # like: the high-water mark from half-way to the end against the one before.
+    # Resident memory swings by the 2-3 MB the allocator trims or keeps, and a start in a trough reads
+    # as growth: so the goal compares the high-water mark from half-way on with the one before it.
     first = max([x["rss_kb"] for x in r.samples if s["t"] <= x["t"] <= m["t"]] + [s["rss_kb"], m["rss_kb"]])
     second = max([x["rss_kb"] for x in r.samples if x["t"] > m["t"]] + [e["rss_kb"]])
     return [Goal("resident high-water mark within 5%", "%d kB from the start to half-way, %d kB from there to the "
@@ -78,7 +73,8 @@ def resources(r):
         "heap in use %d -> %d kB (%+.1f%%; half-way %d kB, %+.1f%% from there)" % (
             s["heap_kb"], e["heap_kb"], pct(s["heap_kb"], e["heap_kb"]), m["heap_kb"], pct(m["heap_kb"], e["heap_kb"])),
         "descriptors %s -> %s" % (json.dumps(s["fd_kinds"]), json.dumps(e["fd_kinds"])),
-        "over the run (%d samples): %s" % (len(r.samples), ", ".join(map(span, ("rss_kb", "heap_kb", "fds", "threads")))),
+        "over the run (%d samples): %s" % (len(r.samples), ", ".join("%s %d..%d" % (k, min(x[k] for x in r.samples), max(
+            x[k] for x in r.samples)) for k in ("rss_kb", "heap_kb", "fds", "threads"))),
         "before connect %d kB, %d fds, %d threads; after disconnect %d kB, %d fds, %d threads" % (
             b["rss_kb"], b["fds"], b["threads"], a["rss_kb"], a["fds"], a["threads"])]
 
@@ -101,9 +97,9 @@ def report(soak):
         r.problems.append("NO SUMMARY from the host; its stderr is in %s" % os.path.join(soak.state, "host.stderr"))
         r.final = {"clips_submitted": len(r.clips), "non_final": -1, "events_submitted": {"motion": 0, "access": 0},
                    "connects": -1, "disconnects": -1}
-    length = "%.1f h" % (soak.total_s / 3600) if soak.total_s >= 3600 else "%.0f min" % (soak.total_s / 60)
     out = ["", "=" * 78, "FAULT SOAK REPORT: %s, clips of %d bytes every 4 s, a motion and an access event every "
-           "second" % (length, soak.args.clip_bytes), "=" * 78]
+           "second" % ("%.1f h" % (soak.total_s / 3600) if soak.total_s >= 3600 else "%.0f min" % (soak.total_s / 60),
+                       soak.args.clip_bytes), "=" * 78]
     for title, judge in [("CLIPS", clips), ("EVENTS (counted by the messaging servers)", events),
                          ("HOST RESOURCES", resources), ("HOST", host)] + [
             ("%s: %s" % (f.name.upper(), " ".join(inspect.getdoc(f).split())), f.judge) for f in soak.faults]:
