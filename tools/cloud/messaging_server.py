@@ -13,7 +13,7 @@ Events:
   {"event":"sent","text":..,"binary":bool,"auto":bool[,"seq":..]}
   {"event":"done","cmd":..[,"seq":..]}          (set, close, drop)
   {"event":"error","message":..[,"seq":..]}
-  {"event":"web","port":N}                     (with --web: the browser console's port)
+  {"event":"web","port":N}        (local_cloud.py --machine --web: the browser console's port)
 
 Commands (an optional "seq" is echoed in the event that answers the command):
   {"cmd":"send","text":..}            {"cmd":"send_binary","text":..}
@@ -29,7 +29,6 @@ Interactive mode (--interactive): a small console for people; type "help".
 
 import argparse
 import asyncio
-import datetime
 import json
 import os
 import shutil
@@ -45,39 +44,9 @@ from websockets.legacy.server import WebSocketServerProtocol
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import blob_storage  # noqa: E402  (the development account's token signer)
+from formats import iso_to_epoch, now_iso
 
 SERVER_NAME = "zel-cloud"
-
-
-def describe_cert(path):
-    """A served certificate in one line: "CN=localhost (DNS:localhost, IP:127.0.0.1) by CN=Local Cloud Test CA"."""
-    out = subprocess.run(["openssl", "x509", "-in", path, "-noout", "-subject", "-issuer", "-ext",
-                          "subjectAltName", "-nameopt", "compat"], capture_output=True, text=True)
-    if out.returncode != 0:
-        return "unreadable (%s)" % path
-    lines = [line.strip() for line in out.stdout.splitlines()]
-    field = lambda key: next((l.split("=", 1)[1] for l in lines if l.startswith(key + "=")), "?")
-    names = next((lines[i + 1] for i, l in enumerate(lines) if l.startswith("X509v3 Subject Alt")), "")
-    return "%s (%s) by %s" % (field("subject").lstrip("/"), names.replace("IP Address", "IP"),
-                              field("issuer").lstrip("/"))
-
-
-def now_iso():
-    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
-
-
-def iso_to_epoch(text):
-    """ISO 8601 time (Z, offset or naive = UTC; optional fraction) -> epoch seconds."""
-    if not isinstance(text, str):
-        raise ValueError("start_at is not a string")
-    value = text.strip()
-    if value.endswith(("Z", "z")):
-        value = value[:-1] + "+00:00"
-    moment = datetime.datetime.fromisoformat(value)
-    if moment.tzinfo is None:
-        moment = moment.replace(tzinfo=datetime.timezone.utc)
-    seconds = moment.timestamp()
-    return int(seconds) if seconds == int(seconds) else seconds
 
 
 class AnyProtocol(WebSocketServerProtocol):
@@ -91,10 +60,14 @@ class AnyProtocol(WebSocketServerProtocol):
 
 
 class Cloud:
-    def __init__(self, args):
-        self.args = args
-        self.interactive = args.interactive
-        self.initial_flags = json.loads(getattr(args, "set", "{}") or "{}")
+    """The server. on_event, if given, also hears every event (the browser console does)."""
+
+    def __init__(self, cert=None, key=None, ca=None, host="127.0.0.1", port=0, plain=False,
+                 interactive=False, flags=None, on_event=None):
+        self.cert, self.key, self.ca, self.host, self.port = cert, key, ca, host, port
+        self.plain = plain
+        self.interactive = interactive
+        self.on_event = on_event
         self.current = None
         self.conn_counter = 0
         self.req_counter = 0
@@ -122,18 +95,23 @@ class Cloud:
                 "partner_id": 7,
             },
         }
-        unknown = [k for k in self.initial_flags if k not in self.flags]
+        unknown = [k for k in flags or {} if k not in self.flags]
         if unknown:
             raise ValueError("unknown flags: " + ", ".join(sorted(unknown)))
-        self.flags.update(self.initial_flags)
+        self.flags.update(flags or {})
 
     # ----------------------------------------------------------------- output
     def emit(self, obj):
         if self.interactive:
             self.show(obj)
-            return
-        sys.stdout.write(json.dumps(obj, ensure_ascii=True) + "\n")
-        sys.stdout.flush()
+        else:
+            sys.stdout.write(json.dumps(obj, ensure_ascii=True) + "\n")
+            sys.stdout.flush()
+        if self.on_event is not None:
+            try:
+                self.on_event(obj)
+            except Exception as exc:  # the link must keep working whatever a watcher makes of it
+                print("messaging_server: an event watcher failed: %r" % exc, file=sys.stderr, flush=True)
 
     def show(self, obj):
         kind = obj.get("event")
@@ -158,9 +136,9 @@ class Cloud:
         elif kind == "error":
             print("!! " + obj["message"], flush=True)
         elif kind == "listening":
-            scheme = "ws" if self.args.plain else "wss"
+            scheme = "ws" if self.plain else "wss"
             print("local cloud listening on %s://%s:%d/  (type help)"
-                  % (scheme, self.args.host, obj["port"]), flush=True)
+                  % (scheme, self.host, obj["port"]), flush=True)
 
     # ------------------------------------------------------------- connection
     async def handler(self, ws):
@@ -435,9 +413,9 @@ class Cloud:
         return {}
 
     def issue_certificate(self):
-        if not self.args.ca:
+        if not self.ca:
             raise RuntimeError("--ca is needed to issue certificates")
-        ca_key = os.path.join(os.path.dirname(os.path.abspath(self.args.ca)), "ca.key")
+        ca_key = os.path.join(os.path.dirname(os.path.abspath(self.ca)), "ca.key")
         work = tempfile.mkdtemp(prefix="zel-issue-")
         try:
             ext = os.path.join(work, "client.ext")
@@ -450,7 +428,7 @@ class Cloud:
                                             stderr=subprocess.PIPE)
             run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
                 "-out", csr, "-subj", "/CN=device")
-            run("openssl", "x509", "-req", "-in", csr, "-CA", self.args.ca, "-CAkey", ca_key,
+            run("openssl", "x509", "-req", "-in", csr, "-CA", self.ca, "-CAkey", ca_key,
                 "-set_serial", str(int.from_bytes(os.urandom(8), "big")), "-out", cert,
                 "-days", "825", "-extfile", ext)
             with open(cert) as f:
@@ -537,14 +515,14 @@ class Cloud:
         self.stop_event = asyncio.Event()
         self.send_lock = asyncio.Lock()
         context = None
-        if not self.args.plain:
+        if not self.plain:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-            context.load_cert_chain(self.args.cert, self.args.key)
-            if self.args.ca:
-                context.load_verify_locations(cafile=self.args.ca)
+            context.load_cert_chain(self.cert, self.key)
+            if self.ca:
+                context.load_verify_locations(cafile=self.ca)
                 context.verify_mode = ssl.CERT_OPTIONAL
         server = await websockets.serve(
-            self.handler, self.args.host, self.args.port, ssl=context,
+            self.handler, self.host, self.port, ssl=context,
             create_protocol=AnyProtocol, max_size=None, compression=None,
             ping_interval=None, origins=None, close_timeout=3)
         port = server.sockets[0].getsockname()[1]
@@ -569,21 +547,13 @@ def main():
     parser.add_argument("--interactive", action="store_true", help="console for people")
     parser.add_argument("--set", default="{}", metavar="JSON",
                         help='initial behaviour flags, e.g. \'{"auto_storage":true}\'')
-    parser.add_argument("--web", type=int, metavar="PORT",
-                        help="serve the browser console too (web_console.py; 0 picks a port)")
-    parser.add_argument("--blob-port", type=int, default=0,
-                        help="the blob storage the console fetches clips from")
     args = parser.parse_args()
     if not args.plain and not (args.cert and args.key):
         parser.error("--cert and --key are needed (or --plain)")
     code = 0
     try:
-        if args.web is not None:
-            import web_console
-            blob = web_console.blob_endpoint(args.blob_port, args.ca)
-            asyncio.run(web_console.serve(args, blob, None, args.web))
-        else:
-            asyncio.run(Cloud(args).main())
+        asyncio.run(Cloud(args.cert, args.key, args.ca, args.host, args.port, args.plain, args.interactive,
+                          json.loads(args.set)).main())
     except KeyboardInterrupt:
         pass
     except Exception as exc:  # bind failures and bad certificates end up here
