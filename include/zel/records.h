@@ -150,6 +150,12 @@ struct CloudStats {
   std::string last_upload_error;  // the message of the last failed upload
   int64_t last_upload_error_at = 0;
   bool clock_unset = false;  // the clock reads before this build was made: TLS cannot work
+  // The outbox (Upload::set_outbox): bytes and records live in the journal, records
+  // dropped at its bound, and whether it works from memory after an I/O error.
+  int64_t outbox_bytes = 0;
+  int64_t outbox_records = 0;
+  int64_t outbox_dropped = 0;
+  bool outbox_degraded = false;
 };
 
 }  // namespace zel

@@ -109,7 +109,7 @@ bool WebSocketClient::service_socket() {
     std::lock_guard<std::mutex> lock(mutex);
     if (wsi == nullptr && keep_connected && ratelimit(&connect_stamp, kReconnectPeriod))
       attempt = true;
-    else if (connected && !outbound.empty())
+    else if (connected && (!outbound.empty() || proof_ping_due_locked()))
       want_write = true;
   }
   if (attempt) {
@@ -240,6 +240,7 @@ void WebSocketClient::set_connected(bool c) {
     connected = c;
   }
   if (c) {
+    ++connections;
     call_guarded(on_connect, "Connect");
     std::lock_guard<std::mutex> lock(mutex);
     disconnect_promise = std::promise<void>();
@@ -292,6 +293,9 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       return 0;
     case LWS_CALLBACK_CLIENT_WRITEABLE:
       return client->on_writeable(wsi);
+    case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
+      client->on_pong(in, len);
+      return 0;
     case LWS_CALLBACK_WSI_DESTROY:
       // Only now may service_socket build the next connection.
       if (client->wsi == wsi) client->wsi = nullptr;
@@ -325,6 +329,7 @@ void WebSocketClient::forget_connection() {
   std::lock_guard<std::mutex> lock(mutex);
   // A close asked of this connection must not close the next one.
   outbound.erase(OutboundType{std::string(), 0});
+  forget_proofs_locked();
   count_queues_locked();
 }
 
@@ -371,8 +376,12 @@ int WebSocketClient::on_writeable(lws* w) {
   if (closing) return 0;
   OutboundType msg;
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
     if (!keep_connected) return close_with(w, kCloseDisconnecting);
+    if (proof_ping_due_locked()) {
+      lock.unlock();
+      return write_proof_ping(w);
+    }
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     if (msg.message.empty() || msg.message.size() > kMaxPayload) {
@@ -395,6 +404,10 @@ int WebSocketClient::on_writeable(lws* w) {
   int written = lws_write(w, write_buffer.data() + LWS_PRE, length, LWS_WRITE_TEXT);
   if (written >= 0 && static_cast<size_t>(written) >= length) {
     outbound_remove_message(msg);
+    if (msg.tag != 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+      written_tags.push_back(msg.tag);
+    }
     return 0;
   }
   if (written < 0) zel_log(LOG_ERR, "ERROR %d writing to socket, hanging up\n", written);

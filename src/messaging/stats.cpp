@@ -5,6 +5,7 @@
 #include "foundation/tls_policy.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
+#include "outbox/outbox.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -27,6 +28,10 @@ CloudStats Messaging::stats() {
   s.credentials_held = counts.credentials_held;
   s.upload_threads = counts.upload_threads;
   s.clock_unset = clock_unset();
+  s.outbox_bytes = counts.outbox_bytes;
+  s.outbox_records = counts.outbox_records;
+  s.outbox_dropped = counts.outbox_dropped;
+  s.outbox_degraded = counts.outbox_degraded;
   return s;
 }
 
@@ -44,6 +49,12 @@ void Messaging::update_counts() {
   counts.clips_awaiting_confirmation = awaiting;
   counts.credentials_held = static_cast<int64_t>(credentials.size());
   counts.upload_threads = uploaders ? uploaders->size() : 0;
+  if (outbox) {
+    counts.outbox_bytes = static_cast<int64_t>(outbox->bytes());
+    counts.outbox_records = static_cast<int64_t>(outbox->records());
+    counts.outbox_dropped = static_cast<int64_t>(outbox->dropped());
+    counts.outbox_degraded = outbox->degraded();
+  }
 }
 
 void Messaging::count_clip_state(int state) {
