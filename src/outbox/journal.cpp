@@ -227,6 +227,7 @@ bool Journal::append_locked(RecordType type, uint64_t seq, const std::string& pa
   }
   seg.bytes += bytes.size();
   disk_bytes_ += bytes.size();
+  appended_bytes_ += bytes.size();
   ++appended;
   if (!unsynced) {
     unsynced = true;

@@ -53,6 +53,7 @@ class Journal {
   uint64_t live_bytes() const { return live_bytes_; }
   uint64_t live_records() const { return live_records_; }
   uint64_t disk_bytes() const { return disk_bytes_; }
+  uint64_t appended_bytes() const { return appended_bytes_; }  // ever, copies included
   bool degraded() const { return degraded_; }
   // Waits until what was appended before the call is synced (or the journal is degraded).
   void wait_synced();
@@ -99,7 +100,7 @@ class Journal {
   bool stopping = false;
   std::condition_variable synced_cv;
 
-  std::atomic<uint64_t> live_bytes_{0}, live_records_{0}, disk_bytes_{0};
+  std::atomic<uint64_t> live_bytes_{0}, live_records_{0}, disk_bytes_{0}, appended_bytes_{0};
   std::atomic<bool> degraded_{false};
   std::thread thread;
 };
