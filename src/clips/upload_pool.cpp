@@ -57,16 +57,16 @@ void Messaging::set_upload_threads(unsigned n) {
 bool Messaging::stop_upload_pool(std::chrono::steady_clock::time_point deadline,
                                  std::vector<ClipReport>& reports) {
   {
-    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);
-    if (!lock.owns_lock()) return false;
+    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
+    if (!lock_until(lock, deadline)) return false;
     if (uploaders) stopping_pool = std::move(uploaders);
     update_counts();
   }
   if (stopping_pool) {
     // Unlocked: a progress function may be waiting for work_mutex right now.
     const bool stopped = stopping_pool->stop(deadline);
-    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, deadline);
-    if (!lock.owns_lock()) return false;  // the next disconnect takes it from here
+    std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
+    if (!lock_until(lock, deadline)) return false;  // the next disconnect takes it from here
     // What the threads reported before they stopped still reaches the host...
     reports = apply_upload_statuses(stopping_pool->get_statuses());
     // ...and no clip keeps a pending slot for an upload that will never report.

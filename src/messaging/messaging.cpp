@@ -222,7 +222,7 @@ void Messaging::worker() {
     // A host callback on another thread may hold work_mutex as long as it likes: the link
     // is tended meanwhile, and a stop still ends the loop.
     std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
-    if (!lock.try_lock_for(kPassSleep)) continue;
+    if (!lock_until(lock, std::chrono::steady_clock::now() + kPassSleep)) continue;
     run_stage("settle_outbox", [this] { settle_outbox(); });
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
