@@ -95,12 +95,18 @@ std::string Outbox::clip_key(const ClipInfo& clip) {
 bool Outbox::make_room(size_t size) {
   while (journal->live_bytes() + size > max_bytes && !durable_events.empty()) {
     const uint64_t oldest = *durable_events.begin();
-    Event& e = events[oldest];
-    journal->retire({oldest, e.sent_seq});
-    e.durable = false;
-    e.sent_seq = 0;
+    auto it = events.find(oldest);
+    journal->retire({oldest, it->second.sent_seq});
     durable_events.erase(durable_events.begin());
     ++dropped_;
+    // Out of the journal, out of delivery tracking too: a server that never answers a
+    // ping must not make the library hold every envelope it ever sent.
+    if (!it->second.envelope.empty()) {
+      events.erase(it);
+      continue;
+    }
+    it->second.durable = false;
+    it->second.sent_seq = 0;
   }
   return journal->live_bytes() + size <= max_bytes;
 }
@@ -154,18 +160,23 @@ void Outbox::skipped(uint64_t seq) { retire_event(seq); }
 uint64_t Outbox::sent(uint64_t seq, const std::string& envelope, uint64_t connection) {
   auto it = events.find(seq);
   if (it == events.end()) return 0;
-  Event& e = it->second;
-  e.connection = connection;
-  e.envelope = envelope;
-  if (e.durable && e.sent_seq == 0) {
-    SentPayload p{seq, envelope};
-    const std::string payload = encode(p);
-    const uint64_t sent_seq = journal->next_seq();
+  if (it->second.durable && it->second.sent_seq == 0) {
+    const std::string payload = encode(SentPayload{seq, envelope});
+    // Room first: that may drop this very event, the oldest, which then goes untracked.
     // Without room the event keeps its fields: after a restart it is built afresh.
-    if (make_room(Journal::record_size(payload)) && e.durable &&
-        journal->append(RecordType::EVENT_SENT, sent_seq, payload))
-      e.sent_seq = sent_seq;
+    const bool room = make_room(Journal::record_size(payload));
+    it = events.find(seq);
+    if (it == events.end()) return 0;
+    const uint64_t sent_seq = journal->next_seq();
+    if (room && it->second.durable && journal->append(RecordType::EVENT_SENT, sent_seq, payload))
+      it->second.sent_seq = sent_seq;
   }
+  if (!it->second.durable) {
+    events.erase(it);  // not in the journal: sent as without an outbox
+    return 0;
+  }
+  it->second.connection = connection;
+  it->second.envelope = envelope;
   return seq;
 }
 

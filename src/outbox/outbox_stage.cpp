@@ -122,8 +122,10 @@ void Messaging::send_event(uint64_t seq, const std::string& envelope) {
     link.send_message(envelope, false);
     return;
   }
-  outbox->sent(seq, envelope, link.connection_number());
-  link.send_tracked(envelope, seq);
+  if (outbox->sent(seq, envelope, link.connection_number()) == 0)
+    link.send_message(envelope, false);
+  else
+    link.send_tracked(envelope, seq);
 }
 
 bool Messaging::resend_event(EventKind kind) {
