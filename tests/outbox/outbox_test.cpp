@@ -2,6 +2,7 @@
 // a restart against the local cloud.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,6 +84,54 @@ TEST(Journal, ReloadKeepsEverySoundRecordBeforeTheCut) {
     EXPECT_EQ(seqs(live), expect);
     EXPECT_GT(j->next_seq(), expect.empty() ? 0 : expect.back());
   }
+}
+
+// Records come and go: the files stay about the size of what is live, and a record that
+// lives through it all is still there after a reload.
+TEST(Journal, SizeStaysFlatAndLongLivedRecordsAreCopiedForward) {
+  TempDir dir;
+  std::vector<zel::Journal::Record> live;
+  {
+    auto j = zel::Journal::open(dir.path, live);
+    ASSERT_TRUE(j->append(zel::RecordType::CLIP, j->next_seq(), "kept"));
+    for (int i = 0; i < 4000; ++i) {  // 16 MB through
+      const uint64_t seq = j->next_seq();
+      ASSERT_TRUE(j->append(zel::RecordType::EVENT, seq, std::string(4000, 'e')));
+      j->retire({seq});
+    }
+    EXPECT_TRUE(eventually([&] { return j->disk_bytes() <= (4u << 20); }));
+    j->wait_synced();
+  }
+  EXPECT_LE(std::distance(std::filesystem::directory_iterator(dir.path), {}), 2);
+  auto j = zel::Journal::open(dir.path, live);
+  ASSERT_EQ(live.size(), 1u);
+  EXPECT_EQ(live[0].payload, "kept");
+}
+
+// An I/O error (here a file-size limit) turns the journal degraded: appends fail at once
+// and are counted; it writes again by itself once the disk lets it.
+TEST(Journal, DegradesOnWriteErrorsAndRecovers) {
+  TempDir dir;
+  std::vector<zel::Journal::Record> live;
+  auto j = zel::Journal::open(dir.path, live);
+  ASSERT_TRUE(j->append(zel::RecordType::EVENT, j->next_seq(), "before"));
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit old{}, small{};
+  getrlimit(RLIMIT_FSIZE, &old);
+  small = old;
+  small.rlim_cur = 200;
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_FALSE(j->append(zel::RecordType::EVENT, j->next_seq(), std::string(300, 'x')));
+  EXPECT_TRUE(j->degraded());
+  EXPECT_FALSE(j->append(zel::RecordType::EVENT, j->next_seq(), "while degraded"));
+  setrlimit(RLIMIT_FSIZE, &old);
+  ASSERT_TRUE(eventually([&] { return !j->degraded(); }, 8s));
+  ASSERT_TRUE(j->append(zel::RecordType::EVENT, j->next_seq(), "after"));
+  j.reset();
+  j = zel::Journal::open(dir.path, live);
+  std::vector<std::string> payloads;
+  for (const auto& r : live) payloads.push_back(r.payload);
+  EXPECT_EQ(payloads, (std::vector<std::string>{"before", "after"}));
 }
 
 zel::EventInfo motion(int i) { return zel::EventInfo{1, "0a1b2c3d4e5f", kStart + i, kStart + i + 1, "t.jpg"}; }
