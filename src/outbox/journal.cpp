@@ -249,11 +249,6 @@ void Journal::retire(const std::vector<uint64_t>& seqs) {
   maintenance_wanted = true;
 }
 
-bool Journal::is_live(uint64_t seq) {
-  std::lock_guard<std::mutex> lock(mutex);
-  return live.count(seq) > 0;
-}
-
 void Journal::wait_synced() {
   std::unique_lock<std::mutex> lock(mutex);
   const uint64_t target = appended;

@@ -47,7 +47,6 @@ class Journal {
   bool append(RecordType type, uint64_t seq, const std::string& payload);
   // Writes the watermark for those of seqs that are live.
   void retire(const std::vector<uint64_t>& seqs);
-  bool is_live(uint64_t seq);
   static size_t record_size(const std::string& payload) { return kRecordHeaderSize + payload.size(); }
 
   uint64_t live_bytes() const { return live_bytes_; }

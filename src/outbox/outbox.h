@@ -40,7 +40,6 @@ class Outbox {
   uint64_t take_queued(EventKind kind);
   // Puts replayed events in front of what was accepted since the outbox was opened.
   void push_front_queued(EventKind kind, uint64_t seq) { queued[index(kind)].push_front(seq); }
-  void forget_queued() { queued[0].clear(); queued[1].clear(); }
   // The event left the queue without being sent (a type nobody reports).
   void skipped(uint64_t seq);
   // The envelope the event goes out in; tag is what the link reports it by (0: untracked).
