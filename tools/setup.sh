@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   cmake g++ make pkg-config
-  libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev
+  libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev zlib1g-dev
   libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
   python3-websockets openssl ca-certificates tinyproxy

@@ -6,6 +6,7 @@
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "upload/block_settings.h"
+#include "outbox/outbox.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -128,6 +129,7 @@ std::vector<ClipReport> Messaging::apply_upload_statuses(const std::vector<Uploa
       // The body carries the hand-over time, so it is built before last_change moves.
       std::string message =
           makeMessage(device_info, "jobs", "transaction", upload_record_end(entry), true);
+      if (outbox) outbox->clip_uploaded(it->first, status.bytes, entry.last_change);
       entry.in_flight = true;
       entry.last_change = time_now();
       credentials.erase(it->first);

@@ -128,7 +128,7 @@ bool WebSocketClient::service_socket() {
       schedule.attempt_started(now);
       attempts_made = schedule.attempts();
       next_attempt_ms = 0;
-    } else if (state == LinkState::CONNECTED && !outbound.empty()) {
+    } else if (state == LinkState::CONNECTED && (!outbound.empty() || proof_ping_due_locked())) {
       want_write = true;
     }
   }
@@ -267,6 +267,7 @@ void WebSocketClient::set_connected(bool c) {
       go(keep_connected ? LinkState::CONNECTING : LinkState::STOPPED);
   }
   if (c) {
+    ++connections;
     call_guarded(on_connect, "Connect");
     std::lock_guard<std::mutex> lock(mutex);
     disconnect_promise = std::promise<void>();
@@ -324,6 +325,9 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       return 0;
     case LWS_CALLBACK_CLIENT_WRITEABLE:
       return client->on_writeable(wsi);
+    case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
+      client->on_pong(in, len);
+      return 0;
     case LWS_CALLBACK_WSI_DESTROY: {
       // Only now may service_socket build the next connection.
       if (client->wsi == wsi) client->wsi = nullptr;
@@ -378,6 +382,7 @@ void WebSocketClient::forget_connection() {
   std::lock_guard<std::mutex> lock(mutex);
   // A close asked of this connection must not close the next one.
   outbound.erase(OutboundType{std::string(), 0});
+  forget_proofs_locked();
   count_queues_locked();
 }
 
@@ -429,6 +434,10 @@ int WebSocketClient::on_writeable(lws* w) {
     std::unique_lock<std::mutex> lock(mutex);
     if (state != LinkState::CONNECTED) return 0;
     if (!keep_connected) return lock.unlock(), close_with(w, kCloseDisconnecting);
+    if (proof_ping_due_locked()) {
+      lock.unlock();
+      return write_proof_ping(w);
+    }
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     if (msg.message.empty() || msg.message.size() > kMaxPayload) {
@@ -451,6 +460,10 @@ int WebSocketClient::on_writeable(lws* w) {
   int written = lws_write(w, write_buffer.data() + LWS_PRE, length, LWS_WRITE_TEXT);
   if (written >= 0 && static_cast<size_t>(written) >= length) {
     outbound_remove_message(msg);
+    if (msg.tag != 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+      written_tags.push_back(msg.tag);
+    }
     return 0;
   }
   if (written < 0) zel_log(LEVEL_ERR, "ERROR %d writing to socket, hanging up\n", written);

@@ -96,6 +96,7 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
     cameras = camera_list;
     on_connect_cb = std::move(on_connect_fn);
     on_disconnect_cb = std::move(on_disconnect_fn);
+    replay_outbox();
   }
   {
     std::lock_guard<std::mutex> lock(stats_mutex);
@@ -231,6 +232,7 @@ void Messaging::worker() {
     // is tended meanwhile, and a stop still ends the loop.
     std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
     if (!lock_work_by(lock, std::chrono::steady_clock::now() + kPassSleep)) continue;
+    run_stage("settle_outbox", [this] { settle_outbox(); });
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
     run_stage("process_access_event", [this] { process_access_event(); });
@@ -326,6 +328,10 @@ void Messaging::reset_for_tests() {
   clip_queue.clear();
   event_queue.clear();
   access_event_queue.clear();
+  outbox.reset();
+  outbox_replayed = false;
+  recovered_clips_cb = nullptr;
+  recovered_record_ends.clear();
   update_counts();
   list_actions_cb = nullptr;
   perform_action_cb = nullptr;

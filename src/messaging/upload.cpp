@@ -140,4 +140,14 @@ bool Upload::set_tls_policy(const TlsPolicy& policy) {
   return false;
 }
 
+bool Upload::set_outbox(const std::string& dir, uint64_t max_bytes) {
+  if (in_log_callback()) return false;
+  return Messaging::get().set_outbox(dir, max_bytes);
+}
+
+void Upload::register_recovered_clips(ClipCallback cb) {
+  if (in_log_callback()) return;
+  Messaging::get().register_recovered_clips(std::move(cb));
+}
+
 }  // namespace zel
