@@ -153,7 +153,7 @@ plain|clips|src/clips/upload_pool.cpp|  if (n == 0) {|  if (false) {
 plain|clips|src/clips/upload_pool.cpp|    n = kMaxUploadThreads;|
 plain|clips|src/clips/clip_intake.cpp|  report_clip(replaced, CLIP_FAILED, "Replaced by a newer submission of the same clip");|
 plain|clips|src/clips/clip_intake.cpp|if (pending != pending_clips.end() && pending->second.in_flight) {|if (false) {
-plain|clips|src/events/motion_events.cpp|  event_queue.push_back(event);¶  update_counts();|  event_queue.push_back(event);
+plain|clips|src/events/motion_events.cpp|  if (outbox) outbox->accept(event);¶  update_counts();|  if (outbox) outbox->accept(event);
 plain|link|src/messaging/inbound.cpp|"Error parsing received message: '%s'\n", describe_inbound(text).c_str()|"Error parsing received message: '%s'\n", text.c_str()
 plain|clips|src/foundation/redact.cpp|"cert", "password"}|"cert"}
 plain|link|src/link/websocket_client.cpp|if (partial.size() + len > kMaxPayload) {|if (false) {
