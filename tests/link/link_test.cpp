@@ -131,6 +131,23 @@ TEST(Session, ShortLinksKeepBackingOffLongOnesStartOver) {
   EXPECT_NE(drawn[0], drawn[1]);
 }
 
+// A server that refuses the upgrade with 503 and Retry-After: N gets N s (at most 600) plus
+// up to 5 s before the next attempt.
+TEST(Session, RetryAfterIsHonouredAndCapped) {
+  FrozenClock clock;
+  LogCapture log;
+  Cloud cloud(true, "{\"shed\":[0,42]}");
+  ASSERT_TRUE(zel::Upload::connect(cloud.params(), nullptr, nullptr, {}));
+  for (auto [asked, low, next] : {std::tuple{"42", 42L, "[0,7200]"}, {"7200", 600L, "null"}}) {
+    EXPECT_TRUE(log.wait(std::string("2|The server asked for ") + asked + " s before the next attempt\n"));
+    EXPECT_TRUE(cloud.ok(std::string("{\"cmd\":\"set\",\"shed\":") + next + "}"));
+    const long delay = next_attempt_now();
+    EXPECT_TRUE(delay >= low && delay <= low + 5) << delay;
+  }
+  EXPECT_TRUE(cloud.sent("version", 0, 10s));
+  EXPECT_TRUE(zel::Upload::disconnect());
+}
+
 TEST(Session, DisconnectClosesWith4003) {
   EXPECT_TRUE(zel::Upload::disconnect());  // never connected
   Cloud cloud;
