@@ -164,6 +164,10 @@ plain|clips|src/foundation/envelope.cpp|zel_log(LEVEL_ERR, "Could not parse deta
 plain|link|src/link/reconnect_schedule.cpp|std::min(kMaxDelayMs, kMinGapMs << failures)|std::min(kMaxDelayMs, kMinGapMs << (failures + 1))
 plain|link|src/link/reconnect_schedule.cpp|  failures = 0;¶  // Every recorder|  // Every recorder
 plain|link|src/link/reconnect_schedule.cpp|schedule(now_ms + draw(0, kMinGapMs));¶}|schedule(now_ms + draw(kMinGapMs, kMinGapMs));¶}
+plain|link|src/link/reconnect_schedule.cpp|std::clamp<int64_t>(retry_after_s, 0, kMaxRetryAfterS) * 1000|retry_after_s * 1000
+plain|link|src/link/websocket_client.cpp|if (status != 503 && status != 429) return -1;|if (status != 429) return -1;
+plain|link|src/link/websocket_client.cpp|    if (state != LinkState::CONNECTED) return 0;¶    if (!keep_connected)|    if (!keep_connected)
+plain|upload|src/upload/storage_request.cpp|{"x-ms-request-id:", &a->request_id},|
 EOF
 )
 
