@@ -11,6 +11,8 @@ packages=(
   python3-websockets openssl ca-certificates tinyproxy
   # the local cloud's browser console, its real test clip and the browser that tests it
   python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
+  # the fleet's plot (tools/fleet.py --plot)
+  python3-matplotlib
 )
 
 missing=()
