@@ -152,6 +152,8 @@ class Soak:
                     "connected: %(connected)s" % obj, t)
         elif "link" in obj:
             r.link.append((t, obj["link"] == "up"))
+        elif "next_attempt_in" in obj:
+            r.attempts_due.append((t, t + obj["next_attempt_in"]))
         elif UPLOAD_FAILED.match(obj.get("log", "")):
             r.upload_failed.setdefault(int(UPLOAD_FAILED.match(obj["log"]).group(1)), []).append(t)
         elif "resubmit" in obj:

@@ -277,7 +277,10 @@ int main(int argc, char** argv) {
   bool events_on = true, baseline_asked = !baseline_on_command;
   // A sample every 10 s; the baseline no sooner than 30 s in.
   double baseline_from = 30, next_event = 1, next_clip = 1, next_report = 10, half = seconds / 2.0;
+  int64_t attempt_due = 0;  // the link's next attempt as last told: the soak judges returns by it
   for (double t = elapsed_s(); t < seconds; t = elapsed_s()) {
+    const int64_t due = zel::Upload::stats().next_attempt_at;
+    if (due != attempt_due && (attempt_due = due) != 0) emit(object("next_attempt_in", num(due - std::time(nullptr))));
     for (const std::string& line : read_commands(100)) {
       if (line == "events off" || line == "events on") events_on = line == "events on";
       if (line == "baseline" && !baseline_asked)

@@ -45,6 +45,7 @@ class Records:
     conns: dict = field(default_factory=dict)  # (instance, conn) -> Conn
     received: dict = field(default_factory=lambda: {"motion": {}, "access": {}})  # seq -> [conn key]
     link: list = field(default_factory=list)  # (time, up) as the host heard it
+    attempts_due: list = field(default_factory=list)  # (when drawn, when due): the link's back-off
     upload_failed: dict = field(default_factory=dict)  # clip start time -> times its thread logged it
     resubmits: dict = field(default_factory=dict)  # new clip number -> the clip it sent again
     samples: list = field(default_factory=list)
