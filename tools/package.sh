@@ -21,7 +21,9 @@ jobs=${ZEL_JOBS:-2}
 export DEB_HOST_ARCH=$arch
 flags() { dpkg-buildflags --get "$1"; }
 echo "== configuring the $arch build"
+# The multiarch library directory by name: GNUInstallDirs leaves it out when cross-compiling.
 cmake -S . -B "$build" "${toolchain[@]}" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+  -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -a "$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)" \
   -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$arch" \
   -DCMAKE_C_FLAGS="$(flags CPPFLAGS) $(flags CFLAGS)" \
   -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
@@ -31,6 +33,7 @@ echo "== building"
 cmake --build "$build" -j"$jobs" --target zel-cloud >/dev/null
 echo "== packaging"
 mkdir -p "$out"
+rm -rf "$build/packages"
 (cd "$build" && cpack -G DEB >/dev/null)
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 debs=()
