@@ -5,7 +5,8 @@
 # With --web [PORT] the local cloud's browser console watches the story, and the cloud and
 # the page stay up afterwards (the address is printed) until Ctrl-C.
 # With --deb (as CI runs it) the library comes from its Debian packages instead
-# (tools/package.sh amd64): dpkg -i, the host built and run against them, then dpkg -r.
+# (tools/package.sh amd64): dpkg -i, the host built and run against them, then removed
+# (--purge: dpkg -r would keep the runtime package's maintainer scripts on record).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -25,7 +26,7 @@ if $deb; then
   version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/package-amd64/CMakeCache.txt)
   runtime=libzel-cloud${version%%.*}
   echo "== installing $runtime and libzel-cloud-dev $version"
-  trap 'echo "== removing the packages"; dpkg -r libzel-cloud-dev "$runtime" >/dev/null' EXIT
+  trap 'echo "== removing the packages"; dpkg --purge libzel-cloud-dev "$runtime" >/dev/null' EXIT
   dpkg -i build/packages/{"$runtime",libzel-cloud-dev}_"$version"-*_amd64.deb >/dev/null
   # A library a build installed by hand under /usr/local would come first: not here.
   export LD_LIBRARY_PATH=$libdir
