@@ -19,7 +19,8 @@ jobs=${ZEL_JOBS:-2}
 
 # dpkg-buildflags and dpkg-shlibdeps answer for the architecture the packages are for.
 export DEB_HOST_ARCH=$arch
-flags() { dpkg-buildflags --get "$1"; }
+# Without -g: CPack strips the library, so the packages would ship no debugging symbols anyway.
+flags() { dpkg-buildflags --get "$1" | sed -E 's/(^| )-g( |$)/ /'; }
 echo "== configuring the $arch build"
 # The multiarch library directory by name: GNUInstallDirs leaves it out when cross-compiling.
 cmake -S . -B "$build" "${toolchain[@]}" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
