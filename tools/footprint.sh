@@ -25,13 +25,21 @@ for arch in "${arches[@]}"; do
   version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "build/package-$arch/CMakeCache.txt")
   runtime=build/packages/libzel-cloud${version%%.*}_${version}-1_$arch.deb
   dev=build/packages/libzel-cloud-dev_${version}-1_$arch.deb
+  # Installed sizes are the files' own: CPack's Installed-Size counts the soname link as a
+  # second copy of the library.
+  unpacked() {
+    local scratch
+    scratch=$(mktemp -d)
+    dpkg-deb -x "$1" "$scratch"
+    find "$scratch" -type f -printf '%s\n' | awk '{ s += $1 } END { printf "%.0f KB", s / 1024 }'
+    rm -rf "$scratch"
+  }
   scratch=$(mktemp -d)
   dpkg-deb -x "$runtime" "$scratch"
-  so=$(find "$scratch" -name "libzel-cloud.so.*.*" -type f)
-  row[$arch.so]=$(kb "$(stat -c %s "$so")")
-  row[$arch.runtime]="$(kb "$(stat -c %s "$runtime")") ($(dpkg-deb -f "$runtime" Installed-Size) KB installed)"
-  row[$arch.dev]="$(kb "$(stat -c %s "$dev")") ($(dpkg-deb -f "$dev" Installed-Size) KB installed)"
+  row[$arch.so]=$(kb "$(stat -c %s "$(find "$scratch" -name "libzel-cloud.so.*.*" -type f)")")
   rm -rf "$scratch"
+  row[$arch.runtime]="$(kb "$(stat -c %s "$runtime")") ($(unpacked "$runtime") installed)"
+  row[$arch.dev]="$(kb "$(stat -c %s "$dev")") ($(unpacked "$dev") installed)"
 
   build=build/footprint-$arch
   args=()

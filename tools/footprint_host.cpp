@@ -42,7 +42,8 @@ int finished = 0, uploaded = 0;
 long status_field(const char* name) {  // a number from /proc/self/status ("VmRSS", "Threads")
   std::ifstream in("/proc/self/status");
   for (std::string line; std::getline(in, line);)
-    if (line.rfind(std::string(name) + ":", 0) == 0) return std::stol(line.substr(line.find(':') + 1));
+    if (line.rfind(std::string(name) + ":", 0) == 0)
+      return std::stol(line.substr(line.find(':') + 1));
   return -1;
 }
 
@@ -85,8 +86,15 @@ int main(int argc, char** argv) {
   cc.server_uri = opt["--server"], cc.mac_address = opt["--mac"];
   cc.ca_path = opt["--ca"], cc.cert_path = opt["--cert"], cc.key_path = opt["--key"];
   zel::Upload::set_log_levels(1);
-  const auto on_connect = [] { std::lock_guard<std::mutex> l(mu); linked = true; changed.notify_all(); };
-  const auto on_disconnect = [] { std::lock_guard<std::mutex> l(mu); linked = false; };
+  const auto on_connect = [] {
+    std::lock_guard<std::mutex> l(mu);
+    linked = true;
+    changed.notify_all();
+  };
+  const auto on_disconnect = [] {
+    std::lock_guard<std::mutex> l(mu);
+    linked = false;
+  };
 
   int64_t start = 1614600000;
   for (std::string line; std::getline(std::cin, line);) {
@@ -119,19 +127,20 @@ int main(int argc, char** argv) {
         peak_threads = std::max(peak_threads, status_field("Threads"));
       } while (!changed.wait_for(lock, 100ms, [n] { return finished == n; }) &&
                std::chrono::steady_clock::now() < deadline);
-      say("{\"uploaded\":" + std::to_string(uploaded) + ",\"peak_rss_kb\":" + std::to_string(peak_rss) +
-          ",\"peak_threads\":" + std::to_string(peak_threads) + "}");
+      say("{\"uploaded\":" + std::to_string(uploaded) + ",\"peak_rss_kb\":" +
+          std::to_string(peak_rss) + ",\"peak_threads\":" + std::to_string(peak_threads) + "}");
     } else if (cmd == "events") {
       const double per = per_item(n, [](int i) {
         zel::EventInfo event{1, "0A1B2C3D4E5F", 1614600000 + i, 1614600010 + i, ""};
         zel::Upload::upload_event(event);
       });
-      say("{\"per_event\":" + std::to_string(per) + ",\"queued\":" +
-          std::to_string(zel::Upload::stats().motion_events_queued) + "}");
+      say("{\"per_event\":" + std::to_string(per) +
+          ",\"queued\":" + std::to_string(zel::Upload::stats().motion_events_queued) + "}");
     } else if (cmd == "clips") {
-      const double per = per_item(n, [&](int) { zel::Upload::upload_clip(clip_of(path, start += 60)); });
-      say("{\"per_clip\":" + std::to_string(per) + ",\"queued\":" +
-          std::to_string(zel::Upload::stats().clips_queued) + "}");
+      const double per =
+          per_item(n, [&](int) { zel::Upload::upload_clip(clip_of(path, start += 60)); });
+      say("{\"per_clip\":" + std::to_string(per) +
+          ",\"queued\":" + std::to_string(zel::Upload::stats().clips_queued) + "}");
     } else if (cmd == "quit") {
       break;
     }
