@@ -205,7 +205,7 @@ double log_lines(int threads, int per_thread) {
   std::vector<std::thread> pool;
   for (int t = 0; t < threads; ++t)
     pool.emplace_back([t, per_thread] {
-      for (int i = 0; i < per_thread; ++i) zel::zel_log(zel::LOG_NOTICE, "bench %d line %d\n", t, i);
+      for (int i = 0; i < per_thread; ++i) zel::zel_log(zel::LEVEL_NOTICE, "bench %d line %d\n", t, i);
     });
   for (auto& th : pool) th.join();
   return since(t0);

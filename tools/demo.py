@@ -16,13 +16,11 @@ own log then shows each tunnel.
 """
 
 import argparse
-import datetime
 import json
 import os
 import queue
 import subprocess
 import sys
-import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -30,52 +28,31 @@ CLOUD = os.path.join(HERE, "cloud")
 DEVICE_MAC = "001122334455"  # also the blob container, which takes no colons
 CAMERA = "0a1b2c3d4e5f"
 SECRET = "demo-secret"
+sys.path.insert(0, CLOUD)
+from formats import blob_path, iso_to_epoch  # noqa: E402
+from process import Process  # noqa: E402
 
 
 def say(line):
     print(line, flush=True)
 
 
-class MessagingServer:
-    """The local messaging server in machine mode: events in, commands out."""
-
-    def __init__(self, certs, extra=()):
-        self.proc = subprocess.Popen(
-            ["/usr/bin/python3", os.path.join(CLOUD, "messaging_server.py"), "--port", "0",
-             "--cert", os.path.join(certs, "server.pem"), "--key", os.path.join(certs, "server.key"),
-             "--ca", os.path.join(certs, "ca.pem")] + list(extra),
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
-        self.events = queue.Queue()
-        threading.Thread(target=self._read, daemon=True).start()
-        self.port = self.web_port = None
-        while self.port is None or ("--web" in extra and self.web_port is None):
-            event = self.events.get(timeout=15)
-            if event.get("event") == "listening":
-                self.port = event["port"]
-            elif event.get("event") == "web":
-                self.web_port = event["port"]
-            else:
-                raise RuntimeError("messaging server did not start: %r" % event)
-
-    def _read(self):
-        for line in self.proc.stdout:
-            try:
-                self.events.put(json.loads(line))
-            except ValueError:
-                pass
-        self.events.put({"event": "exit"})
-
-    def command(self, **cmd):
-        self.proc.stdin.write(json.dumps(cmd) + "\n")
-        self.proc.stdin.flush()
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.stdin.close()
-            try:
-                self.proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
+def start_server(certs, state, web=None, blob_port=None):
+    """The local messaging server in machine mode (events in, commands out); with web, the
+    local cloud's wiring runs it with the browser console beside it."""
+    if web is None:
+        argv = [os.path.join(CLOUD, "messaging_server.py"), "--cert", os.path.join(certs, "server.pem"),
+                "--key", os.path.join(certs, "server.key"), "--ca", os.path.join(certs, "ca.pem")]
+    else:
+        argv = [os.path.join(CLOUD, "local_cloud.py"), "--machine", "--state", state, "--web", str(web)] + \
+            (["--blob-port", str(blob_port)] if blob_port else [])
+    server = Process(["/usr/bin/python3"] + argv + ["--port", "0"], events=True)
+    ports = {}  # the console's port comes first, when there is one
+    while "listening" not in ports or (web is not None and "web" not in ports):
+        event = server.wait_live(("listening", "web"), timeout=15)
+        ports[event["event"]] = event["port"]
+    server.port, server.web_port = ports["listening"], ports.get("web")
+    return server
 
 
 def describe(text):
@@ -130,15 +107,11 @@ def main():
     subprocess.run(["bash", os.path.join(CLOUD, "make_certs.sh"), certs], check=True)
     storage = None
     if not args.no_storage and os.path.exists(os.path.join(CLOUD, "blob_storage.py")):
-        sys.path.insert(0, CLOUD)
         from blob_storage import BlobStorage  # noqa: E402 (only needed with storage)
         storage = BlobStorage(certs, os.path.join(args.state, "blobs"))
         say("[cloud] blob storage emulator on https://127.0.0.1:%d (account %s)" % (storage.port, storage.account))
 
-    extra = []
-    if args.web is not None:
-        extra = ["--web", str(args.web)] + (["--blob-port", str(storage.port)] if storage else [])
-    server = MessagingServer(certs, extra)
+    server = start_server(certs, args.state, args.web, storage.port if storage else None)
     say("[cloud] messaging server on wss://127.0.0.1:%d/" % server.port)
     if server.web_port:
         say("[cloud] browser console on http://127.0.0.1:%d/" % server.web_port)
@@ -151,7 +124,6 @@ def main():
                 "--key", os.path.join(certs, "client.key"), "--camera", CAMERA, "--wait", "20"]
     proxy = None
     if args.proxy:
-        sys.path.insert(0, CLOUD)
         from http_proxy import HttpProxy  # noqa: E402 (only needed with a proxy)
         proxy = HttpProxy(os.path.join(args.state, "proxy"), auth=args.proxy_auth)
         say("[proxy] tinyproxy on %s, in front of both; its log: %s" % (proxy.redacted_uri, proxy.log_path))
@@ -168,15 +140,8 @@ def main():
             host_cmd += ["--big-clip", big_clip]
         env["ZEL_BLOB_DOMAIN"] = storage.blob_domain
         storage.create_container(DEVICE_MAC.lower())
-    host = subprocess.Popen(host_cmd, stdout=subprocess.PIPE, text=True, bufsize=1, env=env)
     host_lines = queue.Queue()
-
-    def read_host():
-        for line in host.stdout:
-            host_lines.put(line.rstrip("\n"))
-        host_lines.put(None)
-
-    threading.Thread(target=read_host, daemon=True).start()
+    host = Process(host_cmd, on_line=host_lines.put, env=env, stdin=False)
 
     seen = set()
     archives = []
@@ -220,7 +185,7 @@ def main():
                 say("[cloud] -> asking the device to open door-1")
                 server.command(cmd="request", subject="action", id="demo-action",
                                content={"device": "door-1", "action": "open", "value": 5})
-    rc = host.wait(timeout=30)
+    rc = host.proc.wait(timeout=30)
     blob_ok = False
     if storage:
         clips = [recording] + ([big_clip] if args.clip_bytes > 0 else [])
@@ -270,9 +235,7 @@ def main():
 def check_blob(storage, archive, path):
     """The blob at the clip's path decrypts, with the secret handed out, to the clip itself;
     for the large clip its size is enough."""
-    start = datetime.datetime.strptime(archive["start_at"], "%Y-%m-%dT%H:%M:%SZ").replace(
-        tzinfo=datetime.timezone.utc)
-    blob = "%s/%s/%s/%d.mp4" % (DEVICE_MAC, CAMERA, start.strftime("%Y-%m-%d"), int(start.timestamp()))
+    blob = blob_path(DEVICE_MAC, CAMERA, iso_to_epoch(archive["start_at"]))
     size = os.path.getsize(path)
     expected = size // 16 * 16 + 16
     try:

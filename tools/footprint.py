@@ -22,7 +22,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 CLOUD = os.path.join(HERE, "cloud")
 sys.path.insert(0, HERE)
 sys.path.insert(0, CLOUD)
-from demo import DEVICE_MAC, SECRET, MessagingServer  # noqa: E402
+from demo import DEVICE_MAC, SECRET, start_server  # noqa: E402
 
 CLIP_BYTES = 256000000  # the largest clip the library takes
 COUNT = 10000
@@ -82,7 +82,7 @@ def main():
 
     from blob_storage import BlobStorage
     storage = BlobStorage(certs, os.path.join(state, "blobs"))
-    server = MessagingServer(certs)
+    server = start_server(certs, state)
     try:
         server.command(cmd="set", auto_storage=True, auto_ack=True, storage_account=storage.account,
                        storage_token=storage.sas_token(), storage_secret=SECRET)

@@ -5,7 +5,7 @@
 #   bash tools/fuzz.sh [SECONDS]           each target for SECONDS (default 60); what CI runs
 #   bash tools/fuzz.sh --long [RUNS]       each target for RUNS executions (default 10000000),
 #                                          no time limit: the long run, by hand
-#   ... --target NAME                      only fuzz_inbound, fuzz_handlers or fuzz_items
+#   ... --target NAME                      only fuzz_inbound, fuzz_handlers, fuzz_items or fuzz_journal
 #   ... --keep                             keep the run folder (grown corpus, logs) afterwards
 #
 # Needs clang and libclang-rt-14-dev (bash tools/setup.sh installs them). Builds in
@@ -22,7 +22,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-targets=(fuzz_inbound fuzz_handlers fuzz_items)
+targets=(fuzz_inbound fuzz_handlers fuzz_items fuzz_journal)
 seconds=60
 runs=""
 keep=0

@@ -128,7 +128,7 @@ plain|link|src/upload/curl_trace.cpp|"> Proxy-Authorization:"|"> Proxy-Authorisa
 plain|clips|src/upload/curl_trace.cpp|for (size_t q = line.find('?');|for (size_t q = line.find('#');
 plain|foundation|src/foundation/log.cpp|if (!g_callback \|\| (level & g_levels) == 0) return;|if (!g_callback) return;
 plain|foundation|src/foundation/log.cpp|(s.back() == '\n' \|\| s.back() == '\r')|(s.back() == '\r')
-plain|clips|src/foundation/log.cpp|deliver_locked(LOG_NOTICE, line);|deliver_locked(LOG_WARN, line);
+plain|clips|src/foundation/log.cpp|deliver_locked(LEVEL_NOTICE, line);|deliver_locked(LEVEL_WARN, line);
 plain|foundation|src/messaging/upload.cpp|bool Upload::disconnect() {¶  if (in_log_callback()) return false;|bool Upload::disconnect() {
 plain|foundation|src/messaging/upload.cpp|bool Upload::stop() {¶  if (in_log_callback()) return false;|bool Upload::stop() {
 plain|foundation|src/messaging/upload.cpp|const std::string&)> cb) {¶  if (in_log_callback()) return;|const std::string&)> cb) {
@@ -153,17 +153,21 @@ plain|clips|src/clips/upload_pool.cpp|  if (n == 0) {|  if (false) {
 plain|clips|src/clips/upload_pool.cpp|    n = kMaxUploadThreads;|
 plain|clips|src/clips/clip_intake.cpp|  report_clip(replaced, CLIP_FAILED, "Replaced by a newer submission of the same clip");|
 plain|clips|src/clips/clip_intake.cpp|if (pending != pending_clips.end() && pending->second.in_flight) {|if (false) {
-plain|clips|src/events/motion_events.cpp|  event_queue.push_back(event);¶  update_counts();|  event_queue.push_back(event);
+plain|clips|src/events/motion_events.cpp|  if (outbox) outbox->accept(event);¶  update_counts();|  if (outbox) outbox->accept(event);
 plain|link|src/messaging/inbound.cpp|"Error parsing received message: '%s'\n", describe_inbound(text).c_str()|"Error parsing received message: '%s'\n", text.c_str()
 plain|clips|src/foundation/redact.cpp|"cert", "password"}|"cert"}
 plain|link|src/link/websocket_client.cpp|if (partial.size() + len > kMaxPayload) {|if (false) {
 plain|link|src/link/websocket_client.cpp|  inbound.clear();¶  count_queues_locked();|  count_queues_locked();
 plain|link|src/link/websocket_client.cpp|  outbound.erase(OutboundType{std::string(), 0});|
 plain|handlers|src/handlers/certificates.cpp|if (has_cert && has_key && !key_matches_certificate(cert_text, key_text)) {|if (false) {
-plain|clips|src/foundation/envelope.cpp|zel_log(LOG_ERR, "Could not parse details: \n%s\n", mask_secrets(details).c_str());|printf("Could not parse details: \n%s\n", details.c_str());
+plain|clips|src/foundation/envelope.cpp|zel_log(LEVEL_ERR, "Could not parse details: \n%s\n", mask_secrets(details).c_str());|printf("Could not parse details: \n%s\n", details.c_str());
 plain|link|src/link/reconnect_schedule.cpp|std::min(kMaxDelayMs, kMinGapMs << failures)|std::min(kMaxDelayMs, kMinGapMs << (failures + 1))
 plain|link|src/link/reconnect_schedule.cpp|  failures = 0;¶  // Every recorder|  // Every recorder
 plain|link|src/link/reconnect_schedule.cpp|schedule(now_ms + draw(0, kMinGapMs));¶}|schedule(now_ms + draw(kMinGapMs, kMinGapMs));¶}
+plain|link|src/link/reconnect_schedule.cpp|std::clamp<int64_t>(retry_after_s, 0, kMaxRetryAfterS) * 1000|retry_after_s * 1000
+plain|link|src/link/websocket_client.cpp|if (status != 503 && status != 429) return -1;|if (status != 429) return -1;
+plain|link|src/link/websocket_client.cpp|    if (state != LinkState::CONNECTED) return 0;¶    if (!keep_connected)|    if (!keep_connected)
+plain|upload|src/upload/storage_request.cpp|{"x-ms-request-id:", &a->request_id},|
 EOF
 )
 

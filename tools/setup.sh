@@ -9,12 +9,14 @@ arm64=false
 
 packages=(
   cmake g++ make pkg-config
-  libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev
+  libwebsockets-dev libcjson-dev libcurl4-openssl-dev libssl-dev zlib1g-dev
   libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
   python3-websockets openssl ca-certificates tinyproxy
   # the local cloud's browser console, its real test clip and the browser that tests it
   python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
+  # the fleet's plot (tools/fleet.py --plot)
+  python3-matplotlib
   # the Debian packages (tools/package.sh): dpkg-shlibdeps, CPack's file(1), their check
   dpkg-dev file lintian
 )

@@ -18,6 +18,6 @@ export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 echo "== ThreadSanitizer (threaded suites)"
 cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DZEL_SANITIZE=thread \
   -DZEL_BUILD_BENCH=OFF -DZEL_BUILD_SOAK=OFF -DZEL_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build build/tsan -j"$jobs" --target zel_link_tests zel_upload_tests zel_clips_tests
+cmake --build build/tsan -j"$jobs" --target zel_link_tests zel_upload_tests zel_clips_tests zel_outbox_tests
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-(cd build/tsan && ctest --output-on-failure -j"$jobs" --timeout 600 -R '^(link|upload|clips)\.')
+(cd build/tsan && ctest --output-on-failure -j"$jobs" --timeout 600 -R '^(link|upload|clips|outbox)\.')

@@ -12,6 +12,8 @@
 // happened.
 #include <zel/upload.h>
 
+#include "options.h"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -19,7 +21,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -84,17 +85,16 @@ const char* state_name(int state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::map<std::string, std::string> arg;
-  for (int i = 1; i + 1 < argc; i += 2) arg[argv[i]] = argv[i + 1];
-  if (arg["--server"].empty() || arg["--mac"].empty()) {
+  const Options arg(argc, argv);
+  if (!arg.has_link()) {
     std::fprintf(stderr,
                  "usage: %s --server URI --mac MAC [--ca FILE] [--cert FILE] [--key FILE] "
                  "[--clip FILE] [--big-clip FILE] [--camera MAC] [--wait SECONDS] [--proxy URI]\n",
                  argv[0]);
     return 2;
   }
-  const int wait_s = arg["--wait"].empty() ? 20 : std::atoi(arg["--wait"].c_str());
-  const std::string camera = arg["--camera"].empty() ? "0a1b2c3d4e5f" : arg["--camera"];
+  const int wait_s = static_cast<int>(arg.number("--wait", 20));
+  const std::string camera = arg.text("--camera", "0a1b2c3d4e5f");
   Progress progress;
 
   // 0. The library's diagnostics belong in the host's own log, not on standard error.
@@ -128,19 +128,12 @@ int main(int argc, char** argv) {
 
   // 2. Connect. The cameras listed here are announced again after every reconnection.
   // Without --proxy the library follows https_proxy / no_proxy from the environment.
-  if (!arg["--proxy"].empty() && !zel::Upload::set_proxy(arg["--proxy"])) {
+  if (!arg.text("--proxy").empty() && !zel::Upload::set_proxy(arg.text("--proxy"))) {
     say("the proxy URI is not of the form http://[user:password@]host:port");
     return 2;
   }
-  zel::CloudConnect cc;
-  cc.server_uri = arg["--server"];
-  cc.mac_address = arg["--mac"];
-  cc.ca_path = arg["--ca"];
-  cc.cert_path = arg["--cert"];
-  cc.key_path = arg["--key"];
-  cc.serial_number = "EXAMPLE-0001";
   bool started = zel::Upload::connect(
-      cc, [&] { say("connected to the cloud"); progress.update([&] { progress.connected = true; }); },
+      arg.link("EXAMPLE-0001"), [&] { say("connected to the cloud"); progress.update([&] { progress.connected = true; }); },
       [] { say("link to the cloud is down"); }, {camera});
   if (!started || !progress.wait([&] { return progress.connected; }, wait_s)) {
     say("could not connect within " + std::to_string(wait_s) + " s");
@@ -231,9 +224,10 @@ int main(int argc, char** argv) {
     return done && progress.clip_state == zel::CLIP_CONFIRMED;
   };
   bool clip_ok = true;
-  if (!arg["--clip"].empty() || !arg["--big-clip"].empty()) zel::Upload::set_upload_threads(2);
-  if (!arg["--clip"].empty()) clip_ok = upload(arg["--clip"], now - 60, now - 56);
-  if (!arg["--big-clip"].empty()) clip_ok = upload(arg["--big-clip"], now - 120, now - 60) && clip_ok;
+  const std::string clip = arg.text("--clip"), big_clip = arg.text("--big-clip");
+  if (!clip.empty() || !big_clip.empty()) zel::Upload::set_upload_threads(2);
+  if (!clip.empty()) clip_ok = upload(clip, now - 60, now - 56);
+  if (!big_clip.empty()) clip_ok = upload(big_clip, now - 120, now - 60) && clip_ok;
 
   // 6. Stay until the cloud has asked for an action, then leave cleanly.
   bool action_ok = progress.wait([&] { return progress.action; }, wait_s);

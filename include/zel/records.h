@@ -154,6 +154,12 @@ struct CloudStats {
   int64_t next_attempt_at = 0;     // when the next is due; 0 while linked or trying
   int64_t blocks_retried = 0;         // tries of a block after a failed one
   int64_t credentials_refreshed = 0;  // fresh credentials a block upload received
+  // The outbox (Upload::set_outbox): bytes and records live in the journal, records
+  // dropped at its bound, and whether it works from memory after an I/O error.
+  int64_t outbox_bytes = 0;
+  int64_t outbox_records = 0;
+  int64_t outbox_dropped = 0;
+  bool outbox_degraded = false;
 };
 
 }  // namespace zel

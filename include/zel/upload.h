@@ -101,6 +101,16 @@ class ZEL_EXPORT Upload {
   // TlsPolicy); call it before connect. False, changing nothing, while connected or when a
   // pin is not the base64 of 32 bytes.
   static bool set_tls_policy(const TlsPolicy& policy);
+
+  // Keeps events and clips in a journal under dir (made 0700; refused when others may
+  // write to it) of at most max_bytes, so that a crash of the host loses none of them:
+  // connect sends again what a dead process left. Call it before connect; false, with a
+  // log line, while connected or when the directory is refused. See README, "Outbox".
+  static bool set_outbox(const std::string& dir, uint64_t max_bytes);
+  // Receives the states of clips recovered from the outbox, from 0 on (same signature as
+  // a clip's callback; worker thread, or the thread of connect). Without one they wait
+  // in the outbox.
+  static void register_recovered_clips(ClipCallback cb);
 };
 
 }  // namespace zel

@@ -40,7 +40,7 @@ void Messaging::expire_clip() {
     // Over the high-water mark it is the recently changed entries that go and the old
     // ones that stay; the cloud side is built around that order.
     if (unacked_clips.size() > kMaxUnacked && !(entry.last_change + kRecentSpan < now)) {
-      zel_log(LOG_WARN, "Transaction for %s/%ld expired.\n", entry.clip.camera_mac.c_str(),
+      zel_log(LEVEL_WARN, "Transaction for %s/%ld expired.\n", entry.clip.camera_mac.c_str(),
               static_cast<long>(entry.clip.start_time));
       it = unacked_clips.erase(it);
       continue;
@@ -50,7 +50,7 @@ void Messaging::expire_clip() {
 
   for (auto it = credentials.begin(); it != credentials.end();) {
     if (it->second.expires_at < now) {
-      zel_log(LOG_WARN, "Credentials for %s/%s expired.\n", it->second.camera_mac.c_str(),
+      zel_log(LEVEL_WARN, "Credentials for %s/%s expired.\n", it->second.camera_mac.c_str(),
               it->second.start_at.c_str());
       it = credentials.erase(it);
     } else {

@@ -9,6 +9,7 @@
 #include "foundation/time_utils.h"
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
+#include "outbox/outbox.h"
 
 namespace zel {
 
@@ -39,15 +40,19 @@ std::string confirmation_key(const std::string& camera_mac, int64_t start_time) 
 // the stage carries on as if the call had returned.
 void Messaging::report_clip(const ClipInfo& clip, int state, const std::string& message) {
   count_clip_state(state);
+  if (state == CLIP_CONFIRMED || state == CLIP_FAILED) {
+    std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
+    if (outbox) outbox->clip_final(Outbox::clip_key(clip));
+  }
   if (!clip.callback) return;
   CallbackScope scope;
   try {
     clip.callback(state, clip, message);
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "Clip callback for %s/%lld (state %d) failed: %s\n", clip.camera_mac.c_str(),
+    zel_log(LEVEL_ERR, "Clip callback for %s/%lld (state %d) failed: %s\n", clip.camera_mac.c_str(),
             static_cast<long long>(clip.start_time), state, e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "Clip callback for %s/%lld (state %d) failed\n", clip.camera_mac.c_str(),
+    zel_log(LEVEL_ERR, "Clip callback for %s/%lld (state %d) failed\n", clip.camera_mac.c_str(),
             static_cast<long long>(clip.start_time), state);
   }
 }
@@ -80,6 +85,7 @@ void Messaging::upload_clip(const ClipInfo& clip, const UploadOpts& opts) {
   if (it == unacked_clips.end()) {
     if (!replace_earlier_submission(clip)) return;
     clip_queue.emplace_back(clip, opts);
+    if (outbox) outbox->accept_clip(Outbox::clip_key(clip), clip, opts);
     update_counts();
     report_clip(clip, CLIP_QUEUED, "");
     return;

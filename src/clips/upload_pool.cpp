@@ -6,6 +6,7 @@
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "upload/block_settings.h"
+#include "outbox/outbox.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -36,18 +37,18 @@ void Messaging::hand_to_pool(PendingClip& pending) {
 void Messaging::set_upload_threads(unsigned n) {
   // An upload thread that shrinks the pool could be asked to join itself.
   if (thread_role() == ThreadRole::UPLOADER) {
-    zel_log(LOG_ERR, "Can't resize the upload pool from an upload thread\n");
+    zel_log(LEVEL_ERR, "Can't resize the upload pool from an upload thread\n");
     return;
   }
   std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   if (!uploaders) return;
   // A pool without threads would leave every clip handed to it waiting for ever.
   if (n == 0) {
-    zel_log(LOG_ERR, "Can't set 0 upload threads while connected; disconnect empties the pool\n");
+    zel_log(LEVEL_ERR, "Can't set 0 upload threads while connected; disconnect empties the pool\n");
     return;
   }
   if (n > kMaxUploadThreads) {
-    zel_log(LOG_WARN, "Upload threads capped at %u (asked for %u)\n", kMaxUploadThreads, n);
+    zel_log(LEVEL_WARN, "Upload threads capped at %u (asked for %u)\n", kMaxUploadThreads, n);
     n = kMaxUploadThreads;
   }
   // Returns at once: threads that go finish their uploads in the background.
@@ -83,7 +84,7 @@ bool Messaging::stop_upload_pool(std::chrono::steady_clock::time_point deadline,
     }
     update_counts();
     if (!stopped) {
-      zel_log(LOG_ERR, "An upload thread is still in its progress function; it ends when that returns\n");
+      zel_log(LEVEL_ERR, "An upload thread is still in its progress function; it ends when that returns\n");
       stuck_pools.push_back(std::move(stopping_pool));
     }
     stopping_pool.reset();
@@ -128,6 +129,7 @@ std::vector<ClipReport> Messaging::apply_upload_statuses(const std::vector<Uploa
       // The body carries the hand-over time, so it is built before last_change moves.
       std::string message =
           makeMessage(device_info, "jobs", "transaction", upload_record_end(entry), true);
+      if (outbox) outbox->clip_uploaded(it->first, status.bytes, entry.last_change);
       entry.in_flight = true;
       entry.last_change = time_now();
       credentials.erase(it->first);

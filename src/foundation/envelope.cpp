@@ -36,7 +36,7 @@ std::string makeMessage(const DeviceInfo& dev, std::string to, std::string subje
   if (content_is_json) {
     cJSON* parsed = cJSON_Parse(content.c_str());
     if (parsed == nullptr)
-      zel_log(LOG_ERR, "Error parsing JSON: %s\n", mask_secrets(content).c_str());
+      zel_log(LEVEL_ERR, "Error parsing JSON: %s\n", mask_secrets(content).c_str());
     else
       cJSON_AddItemToObject(root.get(), "content", parsed);
   } else {
@@ -50,20 +50,20 @@ std::string composeReply(const DeviceInfo& dev, const std::string& original_id,
                          const std::string& status, const std::string& details) {
   JsonPtr parsed(cJSON_Parse(details.c_str()));
   if (!parsed) {
-    zel_log(LOG_ERR, "Could not parse details: \n%s\n", mask_secrets(details).c_str());
+    zel_log(LEVEL_ERR, "Could not parse details: \n%s\n", mask_secrets(details).c_str());
     return std::string();
   }
   JsonPtr body(cJSON_CreateObject());
   cJSON_AddStringToObject(body.get(), "status", status.c_str());
   cJSON_AddItemToObject(body.get(), "details", parsed.release());
   if (to.empty() || subject.empty()) {
-    zel_log(LOG_ERR, "From or Subject are empty\n");
+    zel_log(LEVEL_ERR, "From or Subject are empty\n");
     return std::string();
   }
   std::string msg = makeMessage(dev, to, subject, print_unformatted(body.get()), true);
   JsonPtr reparsed(cJSON_Parse(msg.c_str()));
   if (!reparsed) {
-    zel_log(LOG_ERR, "Error parsing response message: %s\n", mask_secrets(msg).c_str());
+    zel_log(LEVEL_ERR, "Error parsing response message: %s\n", mask_secrets(msg).c_str());
     return std::string();
   }
   cJSON_AddStringToObject(reparsed.get(), "original_id", original_id.c_str());

@@ -19,7 +19,7 @@ std::function<void(int, const std::string&)>& g_observer =
     *new std::function<void(int, const std::string&)>;
 std::function<void(int, const std::string&)>& g_callback =
     *new std::function<void(int, const std::string&)>;
-int g_levels = LOG_ERR | LOG_WARN | LOG_NOTICE;
+int g_levels = LEVEL_ERR | LEVEL_WARN | LEVEL_NOTICE;
 bool g_enabled = false;  // ZEL_DEBUG: our lines go to standard error
 
 // Set while this thread runs the host's callback.
@@ -105,7 +105,7 @@ void log_foreign_line(const std::string& line) {
   if (t_in_callback) return;
   std::lock_guard<std::mutex> lock(g_log_mutex);
   if (g_callback) {
-    deliver_locked(LOG_NOTICE, line);
+    deliver_locked(LEVEL_NOTICE, line);
   } else if (g_enabled) {
     std::fprintf(stderr, "%s\n", line.c_str());
   }

@@ -9,7 +9,9 @@
 
 namespace zel {
 
-enum LogLevel { LOG_ERR = 1, LOG_WARN = 2, LOG_NOTICE = 4 };
+// Not LOG_*: those are <syslog.h>'s macros, and in a unit that includes it too they would
+// stand for syslog's numbers.
+enum LogLevel { LEVEL_ERR = 1, LEVEL_WARN = 2, LEVEL_NOTICE = 4 };
 
 void zel_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 

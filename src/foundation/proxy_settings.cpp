@@ -240,7 +240,7 @@ std::optional<ProxyRoute> ProxySettings::route_for(const std::string& scheme,
 
 bool set_proxy_override(const std::string& uri) {
   if (!uri.empty() && !parse_proxy_uri(uri)) {
-    zel_log(LOG_ERR, "Proxy URI not understood, expected http://[user:password@]host:port\n");
+    zel_log(LEVEL_ERR, "Proxy URI not understood, expected http://[user:password@]host:port\n");
     return false;
   }
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -261,9 +261,9 @@ void capture_proxy_settings() {
     auto route = parse_proxy_uri(uri);
     // The raw text may hold a password: only the parsed, redacted form is ever shown.
     if (route)
-      zel_log(LOG_NOTICE, "Proxy for %s targets: %s\n", kind, route->redacted().c_str());
+      zel_log(LEVEL_NOTICE, "Proxy for %s targets: %s\n", kind, route->redacted().c_str());
     else
-      zel_log(LOG_ERR, "Proxy for %s targets ignored: not an http:// proxy URI\n", kind);
+      zel_log(LEVEL_ERR, "Proxy for %s targets ignored: not an http:// proxy URI\n", kind);
   }
 }
 

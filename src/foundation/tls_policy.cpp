@@ -50,7 +50,7 @@ bool store_tls_policy(const TlsPolicy& policy) {
   for (const auto* list : {&policy.pinned_sha256, &policy.storage_pinned_sha256}) {
     for (const std::string& pin : *list) {
       if (valid_pin(pin)) continue;
-      zel_log(LOG_ERR, "TLS policy not changed: pin \"%s\" is not the base64 of a SHA-256\n",
+      zel_log(LEVEL_ERR, "TLS policy not changed: pin \"%s\" is not the base64 of a SHA-256\n",
               pin.c_str());
       return false;
     }
@@ -101,7 +101,7 @@ void note_verify_failure() {
     g_clock_said = true;
     g_clock_said_at = now;
   }
-  zel_log(LOG_ERR,
+  zel_log(LEVEL_ERR,
           "System clock is not set (it reads %s): certificates cannot be checked until it is\n",
           toISOTime(now).c_str());
 }

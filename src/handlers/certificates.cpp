@@ -97,7 +97,7 @@ MsgResponse ZelHandler::issueCertificateHandler(const std::string& contents, Mes
   const bool has_cert = member(inner, "cert", &cert_text) != nullptr;
   const bool has_key = member(inner, "key", &key_text) != nullptr;
   if (has_cert && has_key && !key_matches_certificate(cert_text, key_text)) {
-    zel_log(LOG_ERR, "Issued key does not match the issued certificate; both files kept\n");
+    zel_log(LEVEL_ERR, "Issued key does not match the issued certificate; both files kept\n");
     return MsgResponse::Error(kCouldNotWriteCertificate);
   }
   // Key first: a certificate is never in place without the key that goes with it.
@@ -108,13 +108,13 @@ MsgResponse ZelHandler::issueCertificateHandler(const std::string& contents, Mes
   for (Staged& f : files) {
     const bool is_key = has_key && &f == &files.front();
     if (!f.write(is_key ? key_text : cert_text, is_key ? 0600 : 0644)) {
-      zel_log(LOG_ERR, "Could not write %s; the old files are kept\n", f.path.c_str());
+      zel_log(LEVEL_ERR, "Could not write %s; the old files are kept\n", f.path.c_str());
       return MsgResponse::Error(kCouldNotWriteCertificate);
     }
   }
   for (Staged& f : files) {
     if (!f.commit() || !sync_directory(f.path)) {
-      zel_log(LOG_ERR, "Could not replace %s\n", f.path.c_str());
+      zel_log(LEVEL_ERR, "Could not replace %s\n", f.path.c_str());
       return MsgResponse::Error(kCouldNotWriteCertificate);
     }
   }

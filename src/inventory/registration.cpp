@@ -41,7 +41,7 @@ void Messaging::send_camera_setting(const std::string& camera_mac, const std::st
   std::lock_guard<std::recursive_timed_mutex> lock(work_mutex);
   JsonPtr parsed(cJSON_Parse(value.c_str()));
   if (!parsed) {
-    zel_log(LOG_WARN, "Error parsing stringified_value: '%s'\n", mask_secrets(value).c_str());
+    zel_log(LEVEL_WARN, "Error parsing stringified_value: '%s'\n", mask_secrets(value).c_str());
     return;
   }
   // The value travels as the text it was given, not as the parsed JSON.

@@ -45,13 +45,13 @@ int LinkTls::verify(X509_STORE_CTX* store, int preverify_ok) {
   if (X509_STORE_CTX_get_error_depth(store) != 0) return 0;
   X509* leaf = X509_STORE_CTX_get_current_cert(store);
   if (policy.verify_host_name && (leaf == nullptr || !matches_host(leaf))) {
-    zel_log(LOG_ERR, "Server certificate does not match host %s\n", host.c_str());
+    zel_log(LEVEL_ERR, "Server certificate does not match host %s\n", host.c_str());
     X509_STORE_CTX_set_error(store, X509_V_ERR_HOSTNAME_MISMATCH);
     return 1;
   }
   if (!policy.pinned_sha256.empty() &&
       !chain_has_pin(X509_STORE_CTX_get0_chain(store), policy.pinned_sha256)) {
-    zel_log(LOG_ERR, "No certificate in the server's chain matches a pinned key\n");
+    zel_log(LEVEL_ERR, "No certificate in the server's chain matches a pinned key\n");
     X509_STORE_CTX_set_error(store, X509_V_ERR_APPLICATION_VERIFICATION);
     return 1;
   }

@@ -81,7 +81,7 @@ std::future<void> WebSocketClient::full_disconnect() {
       disconnect_promise.set_value();
       disconnect_signalled = true;
     } catch (const std::future_error&) {
-      zel_log(LOG_ERR, "Premature future error, sad\n");
+      zel_log(LEVEL_ERR, "Premature future error, sad\n");
     }
   }
   return disconnect_promise.get_future();

@@ -28,7 +28,7 @@ bool ProxyTunnel::apply(lws_vhost* vhost, const std::string& scheme, const std::
   std::string proxy_arg = route->address();
   if (route->has_credentials()) {
     if (route->user.size() + 1 + route->password.size() > kMaxCredentials) {
-      zel_log(LOG_ERR, "Proxy credentials too long for the link: %s\n", route->redacted().c_str());
+      zel_log(LEVEL_ERR, "Proxy credentials too long for the link: %s\n", route->redacted().c_str());
       return false;
     }
     proxy_arg = route->user + ":" + route->password + "@" + proxy_arg;
@@ -36,10 +36,10 @@ bool ProxyTunnel::apply(lws_vhost* vhost, const std::string& scheme, const std::
   int rc = lws_set_proxy(vhost, proxy_arg.c_str());
   std::fill(proxy_arg.begin(), proxy_arg.end(), '\0');
   if (rc != 0) {
-    zel_log(LOG_ERR, "Proxy %s not accepted for the link\n", route->redacted().c_str());
+    zel_log(LEVEL_ERR, "Proxy %s not accepted for the link\n", route->redacted().c_str());
     return false;
   }
-  zel_log(LOG_NOTICE, "Connecting through proxy %s\n", route->redacted().c_str());
+  zel_log(LEVEL_NOTICE, "Connecting through proxy %s\n", route->redacted().c_str());
   return true;
 }
 
@@ -60,7 +60,7 @@ void ProxyTunnel::peek(lws_sockfd_type fd) {
 void ProxyTunnel::report_failure() const {
   // After a 200 the tunnel stood: what failed lies beyond the proxy.
   if (!route || status == 200) return;
-  zel_log(LOG_ERR, "%s\n", route->failure(status).c_str());
+  zel_log(LEVEL_ERR, "%s\n", route->failure(status).c_str());
 }
 
 }  // namespace zel

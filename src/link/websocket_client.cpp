@@ -67,9 +67,9 @@ void call_guarded(const std::function<void()>& fn, const char* what) {
   try {
     fn();
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "%s callback failed: %s\n", what, e.what());
+    zel_log(LEVEL_ERR, "%s callback failed: %s\n", what, e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "%s callback failed\n", what);
+    zel_log(LEVEL_ERR, "%s callback failed\n", what);
   }
 }
 
@@ -94,7 +94,7 @@ bool WebSocketClient::initialize(const CloudConnect& cc, std::function<void()> o
   // Requests that came in on a link that died belong to it: answering them now would act
   // on an order the server no longer waits for.
   if (!inbound.empty())
-    zel_log(LOG_WARN, "Dropped %zu requests left from the last connection\n", inbound.size());
+    zel_log(LEVEL_WARN, "Dropped %zu requests left from the last connection\n", inbound.size());
   inbound.clear();
   count_queues_locked();
   on_connect = std::move(on_connect_fn);
@@ -128,12 +128,12 @@ bool WebSocketClient::service_socket() {
       schedule.attempt_started(now);
       attempts_made = schedule.attempts();
       next_attempt_ms = 0;
-    } else if (state == LinkState::CONNECTED && !outbound.empty()) {
+    } else if (state == LinkState::CONNECTED && (!outbound.empty() || proof_ping_due_locked())) {
       want_write = true;
     }
   }
   if (attempt) {
-    zel_log(LOG_NOTICE, "Attempting to connect to messaging server...\n");
+    zel_log(LEVEL_NOTICE, "Attempting to connect to messaging server...\n");
     clear_context();
     service_thread.store(std::this_thread::get_id());
     if (create_context() && setup_connection()) wsi = lws_client_connect_via_info(&connect_info);
@@ -170,7 +170,7 @@ bool WebSocketClient::is_connected() {
 void WebSocketClient::go(LinkState next) {
   static const char* const kNames[] = {"idle", "connecting", "connected", "closing", "stopped"};
   if (next == state) return;
-  zel_log(LOG_NOTICE, "Link: %s -> %s\n", kNames[static_cast<int>(state)], kNames[static_cast<int>(next)]);
+  zel_log(LEVEL_NOTICE, "Link: %s -> %s\n", kNames[static_cast<int>(state)], kNames[static_cast<int>(next)]);
   const bool was_linked = linked_locked();
   state = next;
   if (was_linked && !linked_locked()) link_down.notify_all();
@@ -207,7 +207,7 @@ bool WebSocketClient::create_context() {
 
   context.reset(lws_create_context(&context_info));
   if (context == nullptr) {
-    zel_log(LOG_ERR, "lws_create_context failed");
+    zel_log(LEVEL_ERR, "lws_create_context failed");
     return false;
   }
   wsi = nullptr;
@@ -226,7 +226,7 @@ bool WebSocketClient::setup_connection() {
   // refused here rather than left to fail inside the connection attempt.
   if (lws_parse_uri(uri_copy.data(), &uri_scheme, &address, &port, &uri_path) != 0 ||
       !known_scheme(uri_scheme) || address == nullptr || *address == '\0') {
-    zel_log(LOG_ERR, "Bad URI(%s) for messaging server specified\n", server_uri.c_str());
+    zel_log(LEVEL_ERR, "Bad URI(%s) for messaging server specified\n", server_uri.c_str());
     return false;
   }
   // The parser reports an absent path as "/"; the handshake path is "/" + the path.
@@ -267,6 +267,7 @@ void WebSocketClient::set_connected(bool c) {
       go(keep_connected ? LinkState::CONNECTING : LinkState::STOPPED);
   }
   if (c) {
+    ++connections;
     call_guarded(on_connect, "Connect");
     std::lock_guard<std::mutex> lock(mutex);
     disconnect_promise = std::promise<void>();
@@ -281,7 +282,7 @@ void WebSocketClient::set_connected(bool c) {
     disconnect_promise.set_value();
     disconnect_signalled = true;
   } catch (const std::future_error&) {
-    zel_log(LOG_ERR, "Future error, sad\n");
+    zel_log(LEVEL_ERR, "Future error, sad\n");
   }
 }
 
@@ -289,21 +290,21 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
                               size_t len) {
   lws_context* ctx = lws_get_context(wsi);
   if (ctx == nullptr) {
-    zel_log(LOG_ERR, "No valid context\n");
+    zel_log(LEVEL_ERR, "No valid context\n");
     return -1;
   }
   auto* client = static_cast<WebSocketClient*>(lws_context_user(ctx));
   if (client == nullptr) {
-    zel_log(LOG_ERR, "No user context\n");
+    zel_log(LEVEL_ERR, "No user context\n");
     return -1;
   }
 
   switch (reason) {
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
-      zel_log(LOG_ERR, "Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n");
+      zel_log(LEVEL_ERR, "Connection LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n");
       client->refused_for_s = requested_room(wsi);
       if (client->refused_for_s >= 0)
-        zel_log(LOG_WARN, "The server asked for %lld s before the next attempt\n",
+        zel_log(LEVEL_WARN, "The server asked for %lld s before the next attempt\n",
                 static_cast<long long>(client->refused_for_s));
       client->tunnel.report_failure();
       client->set_connected(false);
@@ -316,7 +317,7 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       lws_callback_on_writable(wsi);
       return 0;
     case LWS_CALLBACK_CLOSED:
-      zel_log(LOG_NOTICE, "Connection LWS_CALLBACK_CLOSED\n");
+      zel_log(LEVEL_NOTICE, "Connection LWS_CALLBACK_CLOSED\n");
       client->set_connected(false);
       return 0;
     case LWS_CALLBACK_CLIENT_RECEIVE:
@@ -324,6 +325,9 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       return 0;
     case LWS_CALLBACK_CLIENT_WRITEABLE:
       return client->on_writeable(wsi);
+    case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
+      client->on_pong(in, len);
+      return 0;
     case LWS_CALLBACK_WSI_DESTROY: {
       // Only now may service_socket build the next connection.
       if (client->wsi == wsi) client->wsi = nullptr;
@@ -332,10 +336,10 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
       return 0;
     }
     case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: {
-      zel_log(LOG_NOTICE, "LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: len %zu\n", len);
+      zel_log(LEVEL_NOTICE, "LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: len %zu\n", len);
       const auto* bytes = static_cast<const unsigned char*>(in);
       for (size_t i = 0; bytes != nullptr && i < len; ++i)
-        zel_log(LOG_NOTICE, " %d: 0x%02X \n", static_cast<int>(i), bytes[i]);
+        zel_log(LEVEL_NOTICE, " %d: 0x%02X \n", static_cast<int>(i), bytes[i]);
       client->set_connected(false);
       return 0;
     }
@@ -345,7 +349,7 @@ int WebSocketClient::callback(lws* wsi, lws_callback_reasons reason, void* user,
     case LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION:
       return client->tls.verify(static_cast<X509_STORE_CTX*>(user), static_cast<int>(len));
     case LWS_CALLBACK_CLIENT_CLOSED:
-      zel_log(LOG_NOTICE, "Connection LWS_CALLBACK_CLIENT_CLOSED\n");
+      zel_log(LEVEL_NOTICE, "Connection LWS_CALLBACK_CLIENT_CLOSED\n");
       client->set_connected(false);
       return 0;
     default:
@@ -378,6 +382,7 @@ void WebSocketClient::forget_connection() {
   std::lock_guard<std::mutex> lock(mutex);
   // A close asked of this connection must not close the next one.
   outbound.erase(OutboundType{std::string(), 0});
+  forget_proofs_locked();
   count_queues_locked();
 }
 
@@ -386,7 +391,7 @@ void WebSocketClient::on_received(lws* w, const void* in, size_t len) {
   // in pieces): a message is the sum of its pieces, up to the frame limit.
   if (!partial_dropped) {
     if (partial.size() + len > kMaxPayload) {
-      zel_log(LOG_WARN, "Inbound message past %zu bytes dropped\n", kMaxPayload);
+      zel_log(LEVEL_WARN, "Inbound message past %zu bytes dropped\n", kMaxPayload);
       partial_dropped = true;
       partial.clear();
       partial.shrink_to_fit();
@@ -408,7 +413,7 @@ void WebSocketClient::count_failed_write_locked(const OutboundType& msg) {
   auto it = outbound.find(msg);
   if (it == outbound.end()) return;
   if (++it->attempts < kMaxWriteAttempts) return;
-  zel_log(LOG_ERR, "Frame of %zu bytes dropped: writing it failed on %d connections\n",
+  zel_log(LEVEL_ERR, "Frame of %zu bytes dropped: writing it failed on %d connections\n",
           it->message.size(), kMaxWriteAttempts);
   outbound.erase(it);
   count_queues_locked();
@@ -429,6 +434,10 @@ int WebSocketClient::on_writeable(lws* w) {
     std::unique_lock<std::mutex> lock(mutex);
     if (state != LinkState::CONNECTED) return 0;
     if (!keep_connected) return lock.unlock(), close_with(w, kCloseDisconnecting);
+    if (proof_ping_due_locked()) {
+      lock.unlock();
+      return write_proof_ping(w);
+    }
     if (outbound.empty()) return 0;
     msg = *outbound.begin();
     if (msg.message.empty() || msg.message.size() > kMaxPayload) {
@@ -437,12 +446,12 @@ int WebSocketClient::on_writeable(lws* w) {
     }
   }
   if (msg.message.empty()) {
-    zel_log(LOG_NOTICE, "Empty contents, treat as a disconnect request\n");
+    zel_log(LEVEL_NOTICE, "Empty contents, treat as a disconnect request\n");
     return close_with(w, kCloseRequested);
   }
   const size_t length = msg.message.size();
   if (length > kMaxPayload) {
-    zel_log(LOG_WARN, "Payload(%zu) bigger than buffer(%d), skipping\n", length,
+    zel_log(LEVEL_WARN, "Payload(%zu) bigger than buffer(%d), skipping\n", length,
             static_cast<int>(kMaxPayload));
     return 0;
   }
@@ -451,10 +460,14 @@ int WebSocketClient::on_writeable(lws* w) {
   int written = lws_write(w, write_buffer.data() + LWS_PRE, length, LWS_WRITE_TEXT);
   if (written >= 0 && static_cast<size_t>(written) >= length) {
     outbound_remove_message(msg);
+    if (msg.tag != 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+      written_tags.push_back(msg.tag);
+    }
     return 0;
   }
-  if (written < 0) zel_log(LOG_ERR, "ERROR %d writing to socket, hanging up\n", written);
-  zel_log(LOG_ERR, "Partial write\n");
+  if (written < 0) zel_log(LEVEL_ERR, "ERROR %d writing to socket, hanging up\n", written);
+  zel_log(LEVEL_ERR, "Partial write\n");
   {
     // The message stays queued for the next connection unless it has failed repeatedly.
     std::lock_guard<std::mutex> lock(mutex);

@@ -59,6 +59,15 @@ class WebSocketClient {
   size_t inbound_size();  // like outbound_size(), without taking the link's lock
   void soft_disconnect();
   std::future<void> full_disconnect();
+
+  // Delivery proof (delivery_proof.cpp). A tracked frame, once written, is followed by a
+  // WebSocket ping (at most one a second) whose pong proves the server read it; tracked
+  // frames not yet written when their connection ends are dropped, for the outbox to send
+  // again. Any thread.
+  void send_tracked(const std::string& message, uint64_t tag);
+  std::vector<uint64_t> take_proven();  // tags proven since the last call
+  uint64_t connection_number() { return connections; }  // counts established links
+  void hold_proof_pings(bool held);  // test seam: no ping, so nothing is proven
   // Waits until the link is down or the deadline; true when it is down.
   bool wait_closed(std::chrono::steady_clock::time_point deadline);
 
@@ -98,6 +107,10 @@ class WebSocketClient {
   bool linked_locked() const { return state == LinkState::CONNECTED || state == LinkState::CLOSING; }
   // The write of the first queued frame failed on this connection; mutex held.
   void count_failed_write_locked(const OutboundType& msg);
+  bool proof_ping_due_locked();
+  int write_proof_ping(lws* w);
+  void on_pong(const void* in, size_t len);
+  void forget_proofs_locked();
 
   lws* wsi = nullptr;
   ProxyTunnel tunnel;  // worker thread only
@@ -136,6 +149,16 @@ class WebSocketClient {
   // limit (then the rest of it is dropped). Worker thread only.
   std::string partial;
   bool partial_dropped = false;
+
+  // Delivery proof, under mutex: tags written since the last ping, the pings in flight
+  // with the tags each one proves, and the tags proven.
+  std::vector<uint64_t> written_tags;
+  std::deque<std::pair<uint64_t, std::vector<uint64_t>>> proof_pings;
+  std::vector<uint64_t> proven;
+  uint64_t proof_ping_counter = 0;
+  std::chrono::steady_clock::time_point last_proof_ping{};
+  bool proof_pings_held = false;
+  std::atomic<uint64_t> connections{0};
 
   std::atomic<size_t> outbound_count{0};
   std::atomic<size_t> inbound_count{0};

@@ -25,9 +25,9 @@ MsgResponse handle_guarded(Messaging* messaging, const std::string& subject,
   try {
     return ZelHandler::handleMessage(messaging, subject, content, root);
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "Handler for '%s' failed: %s\n", subject.c_str(), e.what());
+    zel_log(LEVEL_ERR, "Handler for '%s' failed: %s\n", subject.c_str(), e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "Handler for '%s' failed\n", subject.c_str());
+    zel_log(LEVEL_ERR, "Handler for '%s' failed\n", subject.c_str());
   }
   return MsgResponse::Error(kHostCallbackFailed);
 }
@@ -40,7 +40,7 @@ void Messaging::process_inbound() {
     JsonPtr root(cJSON_Parse(text.c_str()));
     if (!root) {
       // Never the text itself: a request cut short may hold credentials.
-      zel_log(LOG_WARN, "Error parsing received message: '%s'\n", describe_inbound(text).c_str());
+      zel_log(LEVEL_WARN, "Error parsing received message: '%s'\n", describe_inbound(text).c_str());
       continue;
     }
     const cJSON* content_item = cJSON_GetObjectItemCaseSensitive(root.get(), "content");
@@ -48,11 +48,11 @@ void Messaging::process_inbound() {
 
     const cJSON* subject_item = cJSON_GetObjectItemCaseSensitive(root.get(), "subject");
     if (subject_item == nullptr) {
-      zel_log(LOG_ERR, "Error: inbound message has no subject.  Cannot find handler.\n");
+      zel_log(LEVEL_ERR, "Error: inbound message has no subject.  Cannot find handler.\n");
       continue;
     }
     if (!cJSON_IsString(subject_item) || subject_item->valuestring == nullptr) {
-      zel_log(LOG_ERR, "Error: inbound message subject is not a string, dropped: '%s'\n",
+      zel_log(LEVEL_ERR, "Error: inbound message subject is not a string, dropped: '%s'\n",
               describe_inbound(text).c_str());
       continue;
     }
@@ -64,7 +64,7 @@ void Messaging::process_inbound() {
     const cJSON* id_item = cJSON_GetObjectItemCaseSensitive(root.get(), "id");
     const cJSON* from_item = cJSON_GetObjectItemCaseSensitive(root.get(), "from");
     if (!cJSON_IsString(id_item) || !cJSON_IsString(from_item)) {
-      zel_log(LOG_ERR, "Error: request '%s' has no string \"id\" and \"from\", reply dropped\n",
+      zel_log(LEVEL_ERR, "Error: request '%s' has no string \"id\" and \"from\", reply dropped\n",
               subject.c_str());
       continue;
     }
@@ -81,7 +81,7 @@ void Messaging::ping() {
         makeMessage(device_info, "zel-inbound", "ping", "\"ping\"", true), false);
     return;
   }
-  zel_log(LOG_NOTICE, "Pong message not received in %d seconds, disconnecting.\n",
+  zel_log(LEVEL_NOTICE, "Pong message not received in %d seconds, disconnecting.\n",
           kPongTimeoutSeconds);
   WebSocketClient::instance().soft_disconnect();
   missed_pongs = 0;

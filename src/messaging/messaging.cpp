@@ -52,9 +52,9 @@ void run_stage(const char* name, Stage&& stage) {
   try {
     stage();
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "Worker stage %s failed: %s\n", name, e.what());
+    zel_log(LEVEL_ERR, "Worker stage %s failed: %s\n", name, e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "Worker stage %s failed\n", name);
+    zel_log(LEVEL_ERR, "Worker stage %s failed\n", name);
   }
 }
 }  // namespace
@@ -67,8 +67,8 @@ Messaging& Messaging::get() {
 }
 
 Messaging::Messaging() {
-  zel_log(LOG_NOTICE, "version:  %s\n", version.c_str());
-  zel_log(LOG_NOTICE, "architecture: %s\n", kArchitecture);
+  zel_log(LEVEL_NOTICE, "version:  %s\n", version.c_str());
+  zel_log(LEVEL_NOTICE, "architecture: %s\n", kArchitecture);
 }
 
 bool Messaging::refuse_lifecycle_call(const char* verb) const {
@@ -76,7 +76,7 @@ bool Messaging::refuse_lifecycle_call(const char* verb) const {
   // itself; from a clip callback on a host thread, for a worker pass that waits on the
   // lock the callback runs under.
   if (thread_role() == ThreadRole::HOST && !in_host_callback()) return false;
-  zel_log(LOG_ERR, "Can't %s from a callback, use different thread\n", verb);
+  zel_log(LEVEL_ERR, "Can't %s from a callback, use different thread\n", verb);
   return true;
 }
 
@@ -96,6 +96,7 @@ bool Messaging::connect(const CloudConnect& cc, std::function<void()> on_connect
     cameras = camera_list;
     on_connect_cb = std::move(on_connect_fn);
     on_disconnect_cb = std::move(on_disconnect_fn);
+    replay_outbox();
   }
   {
     std::lock_guard<std::mutex> lock(stats_mutex);
@@ -145,7 +146,7 @@ bool Messaging::disconnect() {
   {
     std::unique_lock<std::mutex> connect_lock(connect_mutex, std::try_to_lock);
     if (!connect_lock.owns_lock()) {
-      zel_log(LOG_ERR, "Already disconnecting\n");
+      zel_log(LEVEL_ERR, "Already disconnecting\n");
       return false;
     }
     const auto started = std::chrono::steady_clock::now();
@@ -155,13 +156,13 @@ bool Messaging::disconnect() {
       if (!close_link(started + kDisconnectWait)) return false;
       // The worker is stopped before the pool goes, so it never touches a destroyed pool.
       if (!stop_worker(started + kWorkerStopBound)) {
-        zel_log(LOG_ERR, "The worker is still in a callback; call disconnect again later\n");
+        zel_log(LEVEL_ERR, "The worker is still in a callback; call disconnect again later\n");
         return false;
       }
       WebSocketClient::instance().clear_context();
     }
     done = stop_upload_pool(started + kPoolStopBound, last_reports);
-    if (!done) zel_log(LOG_ERR, "A callback holds the library; call disconnect again later\n");
+    if (!done) zel_log(LEVEL_ERR, "A callback holds the library; call disconnect again later\n");
   }
   // With no library lock held: a callback may call back in, even connect again.
   for (const ClipReport& r : last_reports) report_clip(r.clip, r.state, r.message);
@@ -178,7 +179,7 @@ bool Messaging::close_link(std::chrono::steady_clock::time_point deadline) {
     // A retried disconnect after a time-out has no fresh future: wait on the link instead.
     closed = link.wait_closed(deadline);
   }
-  if (!closed) zel_log(LOG_ERR, "Disconnect future timeout reached.\n");
+  if (!closed) zel_log(LEVEL_ERR, "Disconnect future timeout reached.\n");
   return closed;
 }
 
@@ -221,7 +222,7 @@ void Messaging::worker() {
   WebSocketClient& link = WebSocketClient::instance();
   while (pause(kPassSleep)) {
     if (!link.service_socket()) {
-      zel_log(LOG_NOTICE, "service_socket failed, waiting to retry\n");
+      zel_log(LEVEL_NOTICE, "service_socket failed, waiting to retry\n");
       if (!pause(kRetrySleep)) break;
     }
     if (!link.is_connected()) continue;
@@ -231,6 +232,7 @@ void Messaging::worker() {
     // is tended meanwhile, and a stop still ends the loop.
     std::unique_lock<std::recursive_timed_mutex> lock(work_mutex, std::defer_lock);
     if (!lock_work_by(lock, std::chrono::steady_clock::now() + kPassSleep)) continue;
+    run_stage("settle_outbox", [this] { settle_outbox(); });
     run_stage("process_clip", [this] { process_clip(); });
     run_stage("process_event", [this] { process_event(); });
     run_stage("process_access_event", [this] { process_access_event(); });
@@ -326,6 +328,10 @@ void Messaging::reset_for_tests() {
   clip_queue.clear();
   event_queue.clear();
   access_event_queue.clear();
+  outbox.reset();
+  outbox_replayed = false;
+  recovered_clips_cb = nullptr;
+  recovered_record_ends.clear();
   update_counts();
   list_actions_cb = nullptr;
   perform_action_cb = nullptr;

@@ -25,8 +25,10 @@
 
 namespace zel {
 
+class Outbox;
 class UploaderCluster;
 struct UploadStatus;
+enum class EventKind : uint8_t;
 
 // A clip state to hand to the host once no library lock is held any more.
 struct ClipReport {
@@ -37,6 +39,9 @@ struct ClipReport {
 // Lets Messaging hold the pool without every stage seeing the pool's definition.
 struct UploaderClusterDeleter {
   void operator()(UploaderCluster* cluster) const;
+};
+struct OutboxDeleter {
+  void operator()(Outbox* outbox) const;
 };
 
 class Messaging {
@@ -73,6 +78,22 @@ class Messaging {
   }
   void count_clip_state(int state);
   void count_upload_status(const UploadStatus& status);
+
+  // The durable outbox (outbox/). set_outbox only while stopped.
+  bool set_outbox(const std::string& dir, uint64_t max_bytes);
+  void register_recovered_clips(ClipCallback cb);
+  // Puts what the journal held back in the queues; connect, work_mutex held.
+  void replay_outbox();
+  // Hands recovered clips to the pipeline once the host has a callback for them.
+  void recover_clips();
+  // Each connected pass: retires what the link proved, and sends again record-ends of
+  // recovered clips.
+  void settle_outbox();
+  // Sends an event's envelope, followed by the outbox when seq is non-zero.
+  void send_event(uint64_t seq, const std::string& envelope);
+  // One envelope of that kind that must go again; false when none.
+  bool resend_event(EventKind kind);
+  Outbox* get_outbox() { return outbox.get(); }
 
   // Inbound processing and keep-alive (messaging/).
   void process_inbound();
@@ -203,7 +224,13 @@ class Messaging {
     std::atomic<int64_t> motion_events{0}, access_events{0}, clips_queued{0},
         clips_waiting_credentials{0}, clips_uploading{0}, clips_awaiting_confirmation{0},
         credentials_held{0}, upload_threads{0};
+    std::atomic<int64_t> outbox_bytes{0}, outbox_records{0}, outbox_dropped{0};
+    std::atomic<bool> outbox_degraded{false};
   } counts;
+  std::unique_ptr<Outbox, OutboxDeleter> outbox;
+  ClipCallback recovered_clips_cb;
+  bool outbox_replayed = false;  // connect has put the journal's contents back
+  std::vector<std::string> recovered_record_ends;  // confirmation keys to send once connected
   std::mutex connect_mutex;
   std::unique_ptr<std::thread> worker_thread;
   std::unique_ptr<UploaderCluster, UploaderClusterDeleter> uploaders;

@@ -6,6 +6,7 @@
 #include "link/websocket_client.h"
 #include "messaging/messaging.h"
 #include "upload/block_settings.h"
+#include "outbox/outbox.h"
 #include "upload/uploader_cluster.h"
 
 namespace zel {
@@ -32,6 +33,10 @@ CloudStats Messaging::stats() {
   s.next_attempt_at = link.next_attempt_at();
   s.blocks_retried = block_counters().blocks_retried;
   s.credentials_refreshed = block_counters().credentials_refreshed;
+  s.outbox_bytes = counts.outbox_bytes;
+  s.outbox_records = counts.outbox_records;
+  s.outbox_dropped = counts.outbox_dropped;
+  s.outbox_degraded = counts.outbox_degraded;
   return s;
 }
 
@@ -49,6 +54,12 @@ void Messaging::update_counts() {
   counts.clips_awaiting_confirmation = awaiting;
   counts.credentials_held = static_cast<int64_t>(credentials.size());
   counts.upload_threads = uploaders ? uploaders->size() : 0;
+  if (outbox) {
+    counts.outbox_bytes = static_cast<int64_t>(outbox->bytes());
+    counts.outbox_records = static_cast<int64_t>(outbox->records());
+    counts.outbox_dropped = static_cast<int64_t>(outbox->dropped());
+    counts.outbox_degraded = outbox->degraded();
+  }
 }
 
 void Messaging::count_clip_state(int state) {

@@ -136,8 +136,18 @@ bool Upload::set_tls_policy(const TlsPolicy& policy) {
   if (in_log_callback()) return false;
   bool stored = false;
   if (Messaging::get().when_stopped([&] { stored = store_tls_policy(policy); })) return stored;
-  zel_log(LOG_ERR, "TLS policy not changed: set it before connect\n");
+  zel_log(LEVEL_ERR, "TLS policy not changed: set it before connect\n");
   return false;
+}
+
+bool Upload::set_outbox(const std::string& dir, uint64_t max_bytes) {
+  if (in_log_callback()) return false;
+  return Messaging::get().set_outbox(dir, max_bytes);
+}
+
+void Upload::register_recovered_clips(ClipCallback cb) {
+  if (in_log_callback()) return;
+  Messaging::get().register_recovered_clips(std::move(cb));
 }
 
 }  // namespace zel

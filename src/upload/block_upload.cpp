@@ -99,7 +99,7 @@ UploadResult BlockUpload::run() {
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-  zel_log(LOG_NOTICE, "Uploaded %s in %llu blocks: %llu ciphertext bytes sent for %llu\n",
+  zel_log(LEVEL_NOTICE, "Uploaded %s in %llu blocks: %llu ciphertext bytes sent for %llu\n",
           base.c_str(), static_cast<unsigned long long>(blocks),
           static_cast<unsigned long long>(bytes_read), static_cast<unsigned long long>(encrypted));
   std::ostringstream message;
@@ -189,7 +189,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
     if (list && t.status == 400 && t.error_code == "InvalidBlockList" && !list_restarted) {
       // The service dropped the uncommitted blocks: send them all again, once.
       list_restarted = true;
-      zel_log(LOG_WARN, "Block list of %s refused as InvalidBlockList: starting again\n",
+      zel_log(LEVEL_WARN, "Block list of %s refused as InvalidBlockList: starting again\n",
               base.c_str());
       return Step::RESTART;
     }
@@ -205,7 +205,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
     }
     ++block_counters().blocks_retried;
     const std::chrono::milliseconds wait = backoff(tries, t.retry_after_s);
-    zel_log(LOG_WARN, "Try %d of %s of %s failed (%s); again in %lld ms\n", tries, name(n).c_str(),
+    zel_log(LEVEL_WARN, "Try %d of %s of %s failed (%s); again in %lld ms\n", tries, name(n).c_str(),
             base.c_str(), reason(t).c_str(), static_cast<long long>(wait.count()));
     // The back-off sleeps in slices so the host hears about the upload once a second.
     const auto until = std::chrono::steady_clock::now() + wait;
@@ -223,7 +223,7 @@ BlockUpload::Step BlockUpload::send(uint64_t n) {
 
 BlockUpload::Step BlockUpload::refresh(uint64_t n) {
   d.board->ask(key);
-  zel_log(LOG_NOTICE, "Asking for fresh storage credentials for %s at %s\n", base.c_str(),
+  zel_log(LEVEL_NOTICE, "Asking for fresh storage credentials for %s at %s\n", base.c_str(),
           name(n).c_str());
   CloudCredentials fresh;
   for (;;) {
@@ -246,7 +246,7 @@ BlockUpload::Step BlockUpload::refresh(uint64_t n) {
   // The blocks sent are ciphertext under the old secret: they cannot be continued.
   if (++secret_changes > 1) return fail("Storage secret changed twice during the upload");
   d.secret = fresh.secret;
-  zel_log(LOG_WARN, "Storage secret of %s changed: starting again from block 1\n", base.c_str());
+  zel_log(LEVEL_WARN, "Storage secret of %s changed: starting again from block 1\n", base.c_str());
   return Step::RESTART;
 }
 

@@ -163,13 +163,13 @@ UploadResult Uploader::upload(UploadData& d) {
   // upload would store an empty or wrong blob under the clip's name; refuse before sending.
   if (!crypto.is_open()) {
     std::string message = "Clip file could not be opened: " + d.path;
-    zel_log(LOG_WARN, "%s\n", message.c_str());
+    zel_log(LEVEL_WARN, "%s\n", message.c_str());
     return {false, 0, message};
   }
   if (d.expected_size >= 0 && crypto.get_file_size() != static_cast<uint64_t>(d.expected_size)) {
     std::string message = "Clip file size changed: expected " + std::to_string(d.expected_size) +
                           " got " + std::to_string(crypto.get_file_size());
-    zel_log(LOG_WARN, "%s: %s\n", message.c_str(), d.path.c_str());
+    zel_log(LEVEL_WARN, "%s: %s\n", message.c_str(), d.path.c_str());
     return {false, 0, message};
   }
   const uint64_t size = crypto.get_encrypted_size();
@@ -242,7 +242,7 @@ UploadResult Uploader::failed(const UploadData& d, const std::string& address,
 void log_failure(const StorageReply& reply, const std::string& message, const std::string& address,
                  const std::string& path) {
   // The service's own reason first: a logger may cut long lines short.
-  zel_log(LOG_WARN, "Upload failed%s%s: %s; to %s from %s%s%s\n",
+  zel_log(LEVEL_WARN, "Upload failed%s%s: %s; to %s from %s%s%s\n",
           reply.error_code.empty() ? "" : ", service error code ", reply.error_code.c_str(),
           message.c_str(), address.c_str(), path.c_str(),
           reply.request_id.empty() ? "" : "; request id ", reply.request_id.c_str());

@@ -85,7 +85,7 @@ unsigned UploaderCluster::set_size(unsigned n) {
   try {
     while (threads.size() < n) threads.push_back(std::make_shared<UploaderThread>(*this, ca_file));
   } catch (const std::system_error& e) {
-    zel_log(LOG_ERR, "Could not start upload thread %zu: %s\n", threads.size() + 1, e.what());
+    zel_log(LEVEL_ERR, "Could not start upload thread %zu: %s\n", threads.size() + 1, e.what());
   }
   pool_size = static_cast<unsigned>(threads.size());
   return pool_size;

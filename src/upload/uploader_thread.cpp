@@ -64,9 +64,9 @@ void UploaderThread::worker() {
       }
     }
   } catch (const std::exception& e) {
-    zel_log(LOG_ERR, "Upload thread ended: %s\n", e.what());
+    zel_log(LEVEL_ERR, "Upload thread ended: %s\n", e.what());
   } catch (...) {
-    zel_log(LOG_ERR, "Upload thread ended: unknown exception\n");
+    zel_log(LEVEL_ERR, "Upload thread ended: unknown exception\n");
   }
 }
 
@@ -80,10 +80,10 @@ void UploaderThread::run_one(UploadData& item) {
                                result.success ? CLIP_UPLOADED : CLIP_FAILED});
   } catch (const std::exception& e) {
     // The clip still gets its outcome; the thread carries on with the next one.
-    zel_log(LOG_ERR, "Upload of %s failed: %s\n", item.path.c_str(), e.what());
+    zel_log(LEVEL_ERR, "Upload of %s failed: %s\n", item.path.c_str(), e.what());
     cluster.add_upload_status({key, std::string("Upload failed: ") + e.what(), 0, CLIP_FAILED});
   } catch (...) {
-    zel_log(LOG_ERR, "Upload of %s failed: unknown exception\n", item.path.c_str());
+    zel_log(LEVEL_ERR, "Upload of %s failed: unknown exception\n", item.path.c_str());
     cluster.add_upload_status({key, "Upload failed: unknown exception", 0, CLIP_FAILED});
   }
 }

@@ -111,14 +111,41 @@ TEST(Session, ShortLinksKeepBackingOffLongOnesStartOver) {
     EXPECT_TRUE(delay >= low && delay <= high) << lived << " s up, then " << delay;
     ASSERT_TRUE(eventually([] { return zel::Upload::stats().link_up; }));
   }
+  // The schedule alone, over many draws: the floor, a stable link's 0-5 s and the n it resets.
   zel::ReconnectSchedule a, b;
   std::vector<int64_t> drawn[2];
+  int64_t quickest = 5000;
   for (int i = 0; i < 20; ++i)
     for (auto [s, d] : {std::pair{&a, &drawn[0]}, {&b, &drawn[1]}}) {
-      s->reset(kMac), s->attempt_started(0), s->attempt_failed(0), d->push_back(s->next_attempt_ms());
-      EXPECT_TRUE(d->back() >= 5000 && d->back() <= 10000) << d->back();
+      s->reset(kMac), s->attempt_started(0), s->attempt_failed(0);
+      const int64_t t1 = s->next_attempt_ms();
+      s->attempt_started(t1), s->established(t1), s->dropped(t1 + 60000);
+      const int64_t t2 = s->next_attempt_ms();
+      s->attempt_started(t2), s->established(t2), s->dropped(t2 + 1000);
+      const int64_t gap = s->next_attempt_ms() - t2 - 1000;
+      EXPECT_TRUE(t1 >= 5000 && t1 <= 10000 && t2 - t1 <= 65000 && gap >= 5000 && gap <= 10000) << t1 << " " << t2 << " " << gap;
+      quickest = std::min(quickest, t2 - t1 - 60000);
+      d->push_back(t1);
     }
+  EXPECT_LT(quickest, 4000);
   EXPECT_NE(drawn[0], drawn[1]);
+}
+
+// A server that refuses the upgrade with 503 and Retry-After: N gets N s (at most 600) plus
+// up to 5 s before the next attempt.
+TEST(Session, RetryAfterIsHonouredAndCapped) {
+  FrozenClock clock;
+  LogCapture log;
+  Cloud cloud(true, "{\"shed\":[0,42]}");
+  ASSERT_TRUE(zel::Upload::connect(cloud.params(), nullptr, nullptr, {}));
+  for (auto [asked, low, next] : {std::tuple{"42", 42L, "[0,7200]"}, {"7200", 600L, "null"}}) {
+    EXPECT_TRUE(log.wait(std::string("2|The server asked for ") + asked + " s before the next attempt\n"));
+    EXPECT_TRUE(cloud.ok(std::string("{\"cmd\":\"set\",\"shed\":") + next + "}"));
+    const long delay = next_attempt_now();
+    EXPECT_TRUE(delay >= low && delay <= low + 5) << delay;
+  }
+  EXPECT_TRUE(cloud.sent("version", 0, 10s));
+  EXPECT_TRUE(zel::Upload::disconnect());
 }
 
 TEST(Session, DisconnectClosesWith4003) {

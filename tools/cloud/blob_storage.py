@@ -1,6 +1,6 @@
 """The blob storage side of the local cloud: the Azurite emulator over HTTPS.
 
-Used by tools/demo.py, tools/soak.py and tools/cloud/local_cloud.py, and by the tests in
+Used by tools/demo.py, tools/soak and tools/cloud/local_cloud.py, and by the tests in
 machine mode (JSON lines, like messaging_server.py):
 
     blob_storage.py --machine --certs DIR [--container NAME ...]
@@ -49,6 +49,8 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
+from process import Process
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ACCOUNT = "devstoreaccount1"
 # The emulator's published development key: not a secret.
@@ -93,14 +95,14 @@ class BlobStorage:
         log_path = os.path.join(self.location or self.scratch, "azurite.log")
         self.log = open(log_path, "w")
         store = ["--location", self.location] if self.location else ["--inMemoryPersistence"]
-        self.proc = subprocess.Popen(
+        self.proc = Process(
             [program, "--blobHost", "127.0.0.1", "--blobPort", str(port),
              "--cert", os.path.join(self.certs, "blob.pem"),
              "--key", os.path.join(self.certs, "blob.key"),
              "--skipApiVersionCheck", "--disableTelemetry"] + store,
-            stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch)
+            stdout=self.log, stderr=subprocess.STDOUT, cwd=self.location or self.scratch, stdin=False)
         deadline = time.time() + 30
-        while time.time() < deadline and self.proc.poll() is None:
+        while time.time() < deadline and self.proc.alive():
             with open(log_path) as f:
                 found = re.search(r"successfully listens on https://127\.0\.0\.1:(\d+)", f.read())
             if found:
@@ -131,6 +133,13 @@ class BlobStorage:
             if e.code != 409:  # already there
                 raise
 
+    def delete(self, path):
+        """Deletes a blob, if the storage is up and has it."""
+        try:
+            self._open("DELETE", path).close()
+        except (OSError, ValueError):
+            pass
+
     def blob_size(self, path):
         with self._open("HEAD", path) as reply:
             return int(reply.headers.get("Content-Length", "-1"))
@@ -147,18 +156,11 @@ class BlobStorage:
             return {"status": e.code, "length": -1, "blob_type": "", "sha256": ""}
 
     def kill(self):
-        if self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
+        self.proc.kill()
         self.log.close()
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
+        self.proc.stop("terminate")
         self.log.close()
         if self.scratch:
             shutil.rmtree(self.scratch, ignore_errors=True)

@@ -14,6 +14,8 @@ import subprocess
 import tempfile
 import time
 
+from process import Process
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 RECORDER = "001122334455"
 # Headless Chromium as root, with nothing that reaches out of this machine.
@@ -43,21 +45,20 @@ class ConsoleSession:
         self.clip = os.path.join(self.out, "recording.mp4")
         subprocess.run(["bash", os.path.join(HERE, "make_clip.sh"), self.clip], check=True)
         self.log = open(os.path.join(self.out, "local_cloud.log"), "w+")
-        self.cloud = subprocess.Popen(
+        self.cloud = Process(
             ["/usr/bin/python3", os.path.join(HERE, "local_cloud.py"), "--port", "0", "--blob-port", "0",
-             "--web", "0", "--state", self.state], stdin=subprocess.PIPE, stdout=self.log,
-            stderr=subprocess.STDOUT, text=True)
+             "--web", "0", "--state", self.state], stdout=self.log, stderr=subprocess.STDOUT)
         try:
             self.page, port, blob_domain = self.wait_for_cloud()
             certs = os.path.join(self.state, "certs")
             # An arm64 host runs under qemu-user, whose prefix the test set-up passes.
             emulator = shlex.split(os.environ.get("ZEL_TEST_EMULATOR", ""))
-            self.host = subprocess.Popen(
+            self.host = Process(
                 emulator + [host_binary, "--server", "wss://127.0.0.1:%s/" % port, "--mac", RECORDER,
                  "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
                  "--key", os.path.join(certs, "client.key"), "--clip", self.clip, "--wait", str(host_wait)],
                 env=dict(os.environ, ZEL_BLOB_DOMAIN=blob_domain),
-                stdout=open(os.path.join(self.out, "host.log"), "w"), stderr=subprocess.STDOUT)
+                stdout=open(os.path.join(self.out, "host.log"), "w"), stderr=subprocess.STDOUT, stdin=False)
             self.driver = self.start_browser()
         except BaseException:
             self.close()
@@ -67,7 +68,7 @@ class ConsoleSession:
         patterns = (r"web console on (\S+)", r"listening on wss://127\.0\.0\.1:(\d+)/",
                     r"ZEL_BLOB_DOMAIN=(\S+)")
         deadline = time.time() + 60
-        while time.time() < deadline and self.cloud.poll() is None:
+        while time.time() < deadline and self.cloud.alive():
             self.log.seek(0)
             text = self.log.read()
             found = [re.search(p, text) for p in patterns]
@@ -90,8 +91,7 @@ class ConsoleSession:
 
     def console(self, line):
         """Types a line on the local cloud's own console."""
-        self.cloud.stdin.write(line + "\n")
-        self.cloud.stdin.flush()
+        self.cloud.send(line)
 
     def close(self):
         if self.driver:
@@ -99,15 +99,9 @@ class ConsoleSession:
             self.driver.save_screenshot(shot)
             self.driver.quit()
             print("screenshot of the page and the logs of both sides: %s" % shot, flush=True)
-        if self.host and self.host.poll() is None:
+        if self.host:
             self.host.kill()
-            self.host.wait()
-        if self.cloud.poll() is None:
-            self.cloud.stdin.close()  # the console stops at end of input, and the blob storage with it
-            try:
-                self.cloud.wait(20)
-            except subprocess.TimeoutExpired:
-                self.cloud.kill()
+        self.cloud.stop(timeout=20)  # the console stops at end of input, and the blob storage with it
         shutil.rmtree(self.state, ignore_errors=True)
 
     def __enter__(self):

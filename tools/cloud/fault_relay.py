@@ -37,6 +37,7 @@ import argparse
 import asyncio
 import collections
 import json
+import os
 import socket
 import struct
 import sys
@@ -352,6 +353,14 @@ def parse_spec(text):
     if not name or not target.isdigit() or (listen and not listen.isdigit()):
         raise argparse.ArgumentTypeError("expected NAME=TARGET_PORT[:LISTEN_PORT], got %r" % text)
     return name, int(target), int(listen or 0)
+
+
+def start(specs, **options):
+    """The relay as a child (specs: "NAME=TARGET_PORT[:LISTEN_PORT]", ...): it and its ports by name."""
+    from process import Process
+    relay = Process(["/usr/bin/python3", os.path.abspath(__file__)] + [a for spec in specs for a in ("--relay", spec)],
+                    events=True, **options)
+    return relay, {event["relay"]: event["port"] for event in [relay.wait_live() for _ in specs]}
 
 
 def main():

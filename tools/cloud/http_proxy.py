@@ -23,6 +23,8 @@ import subprocess
 import time
 import urllib.parse
 
+from process import Process
+
 
 def free_port():
     with socket.socket() as s:
@@ -57,9 +59,9 @@ class HttpProxy:
         while time.time() < deadline:
             if os.path.exists(self.pid_path):
                 os.remove(self.pid_path)
-            self.proc = subprocess.Popen(["tinyproxy", "-d", "-c", self.conf], stdout=subprocess.DEVNULL,
-                                         stderr=subprocess.DEVNULL)
-            while time.time() < deadline and self.proc.poll() is None:
+            self.proc = Process(["tinyproxy", "-d", "-c", self.conf], stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL, stdin=False)
+            while time.time() < deadline and self.proc.alive():
                 if os.path.exists(self.pid_path) and os.path.getsize(self.pid_path) > 0:  # once it listens
                     return
                 time.sleep(0.05)
@@ -94,15 +96,7 @@ class HttpProxy:
         return found
 
     def stop(self, crash=False):
-        if crash and self.proc.poll() is None:
-            self.proc.kill()
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
+        self.proc.stop("kill" if crash else "terminate")
 
 
 def machine(args):

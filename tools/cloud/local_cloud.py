@@ -21,6 +21,10 @@ roots.pem, which holds both), "other" (the local CA's, for other.example only); 
 --cert-name NAME, a certificate of the local CA for NAME only. The blob emulator has a
 certificate of its own (blob.pem). The pins of each are printed.
 
+With --machine (for tools/demo.py) only the messaging server runs, in machine mode (JSON
+lines, see messaging_server.py) with the browser console beside it, which fetches clips from
+the blob storage already on --blob-port.
+
 With --relay, the device reaches both services through fault_relay.py (on --port and
 --blob-port; the services move to free ports behind it) and the console also takes
 "link MODE [VALUE]" and "blob MODE [VALUE]" with MODE pass, blackhole, delay MS,
@@ -32,17 +36,21 @@ token asks for a fresh one in the middle of the clip.
 """
 
 import argparse
+import asyncio
 import json
 import os
 import subprocess
 import sys
 import threading
+import types
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
+import fault_relay  # noqa: E402
 from blob_storage import BlobStorage  # noqa: E402
+from formats import describe_cert  # noqa: E402
 from http_proxy import HttpProxy, free_port  # noqa: E402
-from messaging_server import describe_cert  # noqa: E402
+from process import Process  # noqa: E402
 
 
 def main():
@@ -66,6 +74,8 @@ def main():
                         help="the messaging server's certificate (see above)")
     parser.add_argument("--cert-name", metavar="NAME",
                         help="serve a certificate of the local CA for NAME only")
+    parser.add_argument("--machine", action="store_true",
+                        help="only the messaging server, in machine mode, with --web beside it (demo.py)")
     args = parser.parse_args()
     if args.proxy_auth and not args.proxy:
         parser.error("--proxy-auth needs --proxy")
@@ -76,6 +86,11 @@ def main():
                    (["--cert-name", args.cert_name] if args.cert_name else []), check=True)
     args.served = "name-" + args.cert_name if args.cert_name else args.server_cert
     args.ca_path = os.path.join(certs, "roots.pem" if args.served == "root2" else "ca.pem")
+    if args.machine:
+        # The storage belongs to the caller: the console only needs where it is and whom to trust.
+        storage = types.SimpleNamespace(port=args.blob_port, ca=os.path.join(certs, "ca.pem"),
+                                        certs=certs, stop=lambda: None) if args.blob_port else None
+        return run_with_console(args, certs, {}, storage)
     storage = BlobStorage(certs, os.path.join(args.state, "blobs"), 0 if args.relay else args.blob_port)
     flags = {"auto_storage": True, "auto_ack": True, "storage_account": storage.account,
              "storage_token": storage.sas_token(), "storage_secret": "local-cloud-secret",
@@ -130,46 +145,40 @@ def print_certificates(certs, served):
 
 def run_with_console(args, certs, flags, storage):
     """The messaging server in this process, next to the console that watches it."""
-    import asyncio
     import web_console
-    cloud_args = argparse.Namespace(
-        host="127.0.0.1", port=args.port, cert=os.path.join(certs, args.served + ".pem"),
-        key=os.path.join(certs, args.served + ".key"), ca=os.path.join(certs, "ca.pem"), plain=False,
-        interactive=True, set=json.dumps(flags))
+    from messaging_server import Cloud
+    console = web_console.Console(storage, None if args.machine else os.path.join(args.state, "web"))
+    cloud = Cloud(os.path.join(certs, args.served + ".pem"), os.path.join(certs, args.served + ".key"),
+                  os.path.join(certs, "ca.pem"), port=args.port, interactive=not args.machine, flags=flags,
+                  on_event=console.observe)
+    # Which certificates the device is shown (make_certs.sh made several).
+    console.link["server_cert"] = describe_cert(cloud.cert)
+    if storage is not None:
+        console.link["blob_cert"] = describe_cert(os.path.join(storage.certs, "blob.pem"))
     code = 0
     try:
-        asyncio.run(web_console.serve(cloud_args, storage, os.path.join(args.state, "web"), args.web))
+        asyncio.run(web_console.serve(console, cloud, args.web or 0))
     except KeyboardInterrupt:
         pass
     except Exception as exc:  # ports in use, bad certificates
         print("local_cloud: %s" % exc, file=sys.stderr)
         code = 1
     finally:
-        storage.stop()
+        if storage is not None:
+            storage.stop()
     sys.stdout.flush()
-    # Like messaging_server.py: the console's stdin reader may still sit in read().
+    # Like messaging_server.py: the server's stdin reader may still sit in read().
     os._exit(code)
 
 
 def run_with_relay(args, certs, storage, flags):
     """The same cloud behind the fault relay; the console feeds both."""
-    server_port = free_port()
-    relay = subprocess.Popen(
-        ["/usr/bin/python3", os.path.join(HERE, "fault_relay.py"),
-         "--relay", "link=%d:%d" % (server_port, args.port),
-         "--relay", "blob=%d:%d" % (storage.port, args.blob_port)],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
-    server = None
-    try:
-        ports = {}
-        for _ in range(2):
-            line = relay.stdout.readline()
-            if not line:
-                raise SystemExit("local_cloud: the relay did not start")
-            event = json.loads(line)
-            ports[event["relay"]] = event["port"]  # the asked ports, or free ones for 0
-        threading.Thread(target=lambda: [print("relay: " + l.rstrip(), flush=True) for l in relay.stdout],
-                         daemon=True).start()
+    server_port, server, relay = free_port(), None, None
+    try:  # the relay listens on the asked ports, or on free ones for 0
+        relay, ports = fault_relay.start(["link=%d:%d" % (server_port, args.port),
+                                          "blob=%d:%d" % (storage.port, args.blob_port)])
+        threading.Thread(target=lambda: [print("relay: " + json.dumps(e), flush=True)
+                                         for e in iter(relay.events.get, {"event": "exit"})], daemon=True).start()
         print("Local cloud is up, behind the fault relay. Point the host at it with:")
         print("  CloudConnect.server_uri = wss://127.0.0.1:%d/" % ports["link"])
         print("  CloudConnect.ca_path    = %s" % args.ca_path)
@@ -182,32 +191,26 @@ def run_with_relay(args, certs, storage, flags):
             print("  blob container for recorder %s is ready" % mac.lower())
         print("Console: a subject, or \"link|blob pass|blackhole|delay MS|throttle BYTES_PER_S|reset\", "
               "\"relay status\"", flush=True)
-        server = subprocess.Popen(
+        server = Process(
             ["/usr/bin/python3", os.path.join(HERE, "messaging_server.py"), "--interactive",
              "--port", str(server_port), "--cert", os.path.join(certs, args.served + ".pem"),
              "--key", os.path.join(certs, args.served + ".key"), "--ca", os.path.join(certs, "ca.pem"),
-             "--set", json.dumps(flags)], stdin=subprocess.PIPE, text=True, bufsize=1)
+             "--set", json.dumps(flags)])
         for line in sys.stdin:
             words = line.split()
             target = server
             if words and words[0] in ("link", "blob"):
                 target = relay
             elif words[:2] == ["relay", "status"]:
-                target, line = relay, "status\n"
-            if target.poll() is not None:
+                target, line = relay, "status"
+            if not target.alive() or not target.send(line.rstrip("\n")):
                 break
-            target.stdin.write(line)
-            target.stdin.flush()
     except KeyboardInterrupt:
         pass
     finally:
         for proc in (server, relay):
-            if proc is not None and proc.poll() is None:
-                proc.stdin.close()
-                try:
-                    proc.wait(timeout=5)
-                except subprocess.TimeoutExpired:
-                    proc.kill()
+            if proc is not None:
+                proc.stop()
         storage.stop()
 
 

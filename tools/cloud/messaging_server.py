@@ -13,7 +13,8 @@ Events:
   {"event":"sent","text":..,"binary":bool,"auto":bool[,"seq":..]}
   {"event":"done","cmd":..[,"seq":..]}          (set, close, drop)
   {"event":"error","message":..[,"seq":..]}
-  {"event":"web","port":N}                     (with --web: the browser console's port)
+  {"event":"web","port":N}        (local_cloud.py --machine --web: the browser console's port)
+  {"event":"upgrade","refused":bool}           (every upgrade request; --shed refuses some)
 
 Commands (an optional "seq" is echoed in the event that answers the command):
   {"cmd":"send","text":..}            {"cmd":"send_binary","text":..}
@@ -23,13 +24,16 @@ Commands (an optional "seq" is echoed in the event that answers the command):
    "sample":false}
   {"cmd":"close","code":4000,"reason":""}   {"cmd":"drop"}
   {"cmd":"set", <flag>: <value>, ...}       {"cmd":"stop"}
+Each device has its own connection and is answered on it; "mac" in a command picks the
+device (by the Origin it gave), otherwise the one that connected last is meant.
 
 Interactive mode (--interactive): a small console for people; type "help".
 """
 
 import argparse
 import asyncio
-import datetime
+import collections
+import http
 import json
 import os
 import shutil
@@ -38,6 +42,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 import websockets
 import websockets.exceptions
@@ -45,39 +50,9 @@ from websockets.legacy.server import WebSocketServerProtocol
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import blob_storage  # noqa: E402  (the development account's token signer)
+from formats import iso_to_epoch, now_iso
 
 SERVER_NAME = "zel-cloud"
-
-
-def describe_cert(path):
-    """A served certificate in one line: "CN=localhost (DNS:localhost, IP:127.0.0.1) by CN=Local Cloud Test CA"."""
-    out = subprocess.run(["openssl", "x509", "-in", path, "-noout", "-subject", "-issuer", "-ext",
-                          "subjectAltName", "-nameopt", "compat"], capture_output=True, text=True)
-    if out.returncode != 0:
-        return "unreadable (%s)" % path
-    lines = [line.strip() for line in out.stdout.splitlines()]
-    field = lambda key: next((l.split("=", 1)[1] for l in lines if l.startswith(key + "=")), "?")
-    names = next((lines[i + 1] for i, l in enumerate(lines) if l.startswith("X509v3 Subject Alt")), "")
-    return "%s (%s) by %s" % (field("subject").lstrip("/"), names.replace("IP Address", "IP"),
-                              field("issuer").lstrip("/"))
-
-
-def now_iso():
-    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
-
-
-def iso_to_epoch(text):
-    """ISO 8601 time (Z, offset or naive = UTC; optional fraction) -> epoch seconds."""
-    if not isinstance(text, str):
-        raise ValueError("start_at is not a string")
-    value = text.strip()
-    if value.endswith(("Z", "z")):
-        value = value[:-1] + "+00:00"
-    moment = datetime.datetime.fromisoformat(value)
-    if moment.tzinfo is None:
-        moment = moment.replace(tzinfo=datetime.timezone.utc)
-    seconds = moment.timestamp()
-    return int(seconds) if seconds == int(seconds) else seconds
 
 
 class AnyProtocol(WebSocketServerProtocol):
@@ -91,11 +66,18 @@ class AnyProtocol(WebSocketServerProtocol):
 
 
 class Cloud:
-    def __init__(self, args):
-        self.args = args
-        self.interactive = args.interactive
-        self.initial_flags = json.loads(getattr(args, "set", "{}") or "{}")
-        self.current = None
+    """The server. on_event, if given, also hears every event (the browser console does)."""
+
+    def __init__(self, cert=None, key=None, ca=None, host="127.0.0.1", port=0, plain=False,
+                 interactive=False, flags=None, on_event=None, quiet=False):
+        self.cert, self.key, self.ca, self.host, self.port = cert, key, ca, host, port
+        self.plain = plain
+        self.interactive = interactive
+        self.on_event = on_event
+        self.upgrades = collections.deque()  # when the last second's upgrade requests came
+        self.quiet = quiet  # no "message" and "sent" events: a fleet's traffic is not news
+        self.current = None  # the latest device; commands without "mac" address it
+        self.devices = {}    # every connected device by its MAC (the Origin it gives)
         self.conn_counter = 0
         self.req_counter = 0
         self.device = None
@@ -114,6 +96,8 @@ class Cloud:
             "storage_secret": "secret",
             # > 0: every storage reply carries a token of its own, valid this many seconds
             "storage_sas_lifetime": 0,
+            # [N, S]: past N upgrade requests in a second, refuse with 503 and Retry-After: S.
+            "shed": None,
             "version_reply": {
                 "registered": True,
                 "enabled": True,
@@ -122,18 +106,25 @@ class Cloud:
                 "partner_id": 7,
             },
         }
-        unknown = [k for k in self.initial_flags if k not in self.flags]
+        unknown = [k for k in flags or {} if k not in self.flags]
         if unknown:
             raise ValueError("unknown flags: " + ", ".join(sorted(unknown)))
-        self.flags.update(self.initial_flags)
+        self.flags.update(flags or {})
 
     # ----------------------------------------------------------------- output
     def emit(self, obj):
+        if self.quiet and obj.get("event") in ("message", "sent"):
+            return
         if self.interactive:
             self.show(obj)
-            return
-        sys.stdout.write(json.dumps(obj, ensure_ascii=True) + "\n")
-        sys.stdout.flush()
+        else:
+            sys.stdout.write(json.dumps(obj, ensure_ascii=True) + "\n")
+            sys.stdout.flush()
+        if self.on_event is not None:
+            try:
+                self.on_event(obj)
+            except Exception as exc:  # the link must keep working whatever a watcher makes of it
+                print("messaging_server: an event watcher failed: %r" % exc, file=sys.stderr, flush=True)
 
     def show(self, obj):
         kind = obj.get("event")
@@ -158,15 +149,17 @@ class Cloud:
         elif kind == "error":
             print("!! " + obj["message"], flush=True)
         elif kind == "listening":
-            scheme = "ws" if self.args.plain else "wss"
+            scheme = "ws" if self.plain else "wss"
             print("local cloud listening on %s://%s:%d/  (type help)"
-                  % (scheme, self.args.host, obj["port"]), flush=True)
+                  % (scheme, self.host, obj["port"]), flush=True)
 
     # ------------------------------------------------------------- connection
     async def handler(self, ws):
         self.conn_counter += 1
         conn = self.conn_counter
         self.current = ws
+        mac = ws.request_headers.get("Origin")
+        self.devices[mac] = ws
         peer_cert = False
         ssl_object = ws.transport.get_extra_info("ssl_object")
         if ssl_object is not None:
@@ -189,12 +182,14 @@ class Cloud:
         try:
             while True:
                 data = await ws.recv()
-                self.on_message(conn, data)
+                self.on_message(conn, data, ws)
         except websockets.exceptions.ConnectionClosed:
             pass
         await ws.wait_closed()
         if self.current is ws:
             self.current = None
+        if self.devices.get(mac) is ws:
+            del self.devices[mac]
         self.emit({
             "event": "close",
             "conn": conn,
@@ -203,7 +198,20 @@ class Cloud:
             "sent_code": ws.close_sent.code if ws.close_sent is not None else None,
         })
 
-    def on_message(self, conn, data):
+    def admit(self, path, headers):
+        """Each upgrade request; while more than N came in the last second, a 503."""
+        now = time.monotonic()
+        self.upgrades.append(now)
+        while self.upgrades and self.upgrades[0] < now - 1:
+            self.upgrades.popleft()
+        shed = self.flags["shed"]
+        refused = bool(shed) and len(self.upgrades) > shed[0]
+        self.emit({"event": "upgrade", "refused": refused})
+        if refused:
+            return http.HTTPStatus.SERVICE_UNAVAILABLE, [("Retry-After", str(shed[1]))], b"busy\n"
+        return None
+
+    def on_message(self, conn, data, ws=None):
         binary = isinstance(data, bytes)
         text = data.decode("utf-8", errors="replace") if binary else data
         length = len(data) if binary else len(data.encode("utf-8"))
@@ -225,20 +233,20 @@ class Cloud:
         content = msg.get("content")
         flags = self.flags
         if subject == "ping" and flags["auto_pong"]:
-            self.spawn(self.send_request("pong", "pong", auto=True))
+            self.spawn(self.send_request("pong", "pong", auto=True, ws=ws))
         elif subject == "version" and flags["auto_version"]:
-            self.spawn(self.send_request("version", flags["version_reply"], auto=True))
+            self.spawn(self.send_request("version", flags["version_reply"], auto=True, ws=ws))
         elif subject == "storage_access_request" and flags["auto_storage"]:
-            self.spawn(self.storage_reply(content))
+            self.spawn(self.storage_reply(content, ws))
         elif (subject == "transaction" and flags["auto_ack"] and isinstance(content, dict)
               and content.get("model") == "archive"):
-            self.spawn(self.ack_reply(content))
+            self.spawn(self.ack_reply(content, ws))
 
     def spawn(self, coro):
         task = asyncio.ensure_future(coro)
         task.add_done_callback(lambda t: t.cancelled() or t.exception())
 
-    async def storage_reply(self, content):
+    async def storage_reply(self, content, ws=None):
         props = content.get("properties") if isinstance(content, dict) else None
         props = props if isinstance(props, dict) else {}
         try:
@@ -258,16 +266,16 @@ class Cloud:
         }
         if self.flags["storage_delay"]:
             await asyncio.sleep(float(self.flags["storage_delay"]))
-        await self.send_request("getStorageAccess", reply, auto=True)
+        await self.send_request("getStorageAccess", reply, auto=True, ws=ws)
 
-    async def ack_reply(self, content):
+    async def ack_reply(self, content, ws=None):
         props = content.get("properties")
         props = props if isinstance(props, dict) else {}
         reply = {"type": "archive", "from": props.get("mac_address"),
                  "start_at": props.get("start_at")}
         if self.flags["ack_delay"]:
             await asyncio.sleep(float(self.flags["ack_delay"]))
-        await self.send_request("transactionAck", reply, auto=True)
+        await self.send_request("transactionAck", reply, auto=True, ws=ws)
 
     # ---------------------------------------------------------------- sending
     def envelope(self, subject, content, has_content=True, msg_id=None, sender=None,
@@ -286,11 +294,11 @@ class Cloud:
             env["content"] = content
         return json.dumps(env, separators=(",", ":"), ensure_ascii=False)
 
-    async def send_request(self, subject, content, auto=False, seq=None):
-        await self.send_text(self.envelope(subject, content), auto=auto, seq=seq)
+    async def send_request(self, subject, content, auto=False, seq=None, ws=None):
+        await self.send_text(self.envelope(subject, content), auto=auto, seq=seq, ws=ws)
 
-    async def send_text(self, payload, binary=False, auto=False, seq=None):
-        ws = self.current
+    async def send_text(self, payload, binary=False, auto=False, seq=None, ws=None):
+        ws = ws or self.current
         if ws is None:
             self.reply_error("no device connected", seq)
             return False
@@ -325,11 +333,14 @@ class Cloud:
             return
         seq = cmd.get("seq")
         name = cmd["cmd"]
-        ws = self.current
+        ws = self.devices.get(cmd["mac"]) if "mac" in cmd else self.current
+        if "mac" in cmd and ws is None:
+            self.reply_error("no device %s connected" % cmd["mac"], seq)
+            return
         if name == "send":
-            await self.send_text(str(cmd.get("text", "")), seq=seq)
+            await self.send_text(str(cmd.get("text", "")), seq=seq, ws=ws)
         elif name == "send_binary":
-            await self.send_text(str(cmd.get("text", "")), binary=True, seq=seq)
+            await self.send_text(str(cmd.get("text", "")), binary=True, seq=seq, ws=ws)
         elif name == "send_fragments":
             parts = cmd.get("parts")
             if not isinstance(parts, list) or not parts or \
@@ -376,7 +387,7 @@ class Cloud:
             text = self.envelope(subject, content, has_content, msg_id=cmd.get("id"),
                                  sender=cmd.get("from"), to=cmd.get("to"),
                                  date=cmd.get("date"))
-            await self.send_text(text, seq=seq)
+            await self.send_text(text, seq=seq, ws=ws)
         elif name == "close":
             if ws is None:
                 self.reply_error("no device connected", seq)
@@ -435,9 +446,9 @@ class Cloud:
         return {}
 
     def issue_certificate(self):
-        if not self.args.ca:
+        if not self.ca:
             raise RuntimeError("--ca is needed to issue certificates")
-        ca_key = os.path.join(os.path.dirname(os.path.abspath(self.args.ca)), "ca.key")
+        ca_key = os.path.join(os.path.dirname(os.path.abspath(self.ca)), "ca.key")
         work = tempfile.mkdtemp(prefix="zel-issue-")
         try:
             ext = os.path.join(work, "client.ext")
@@ -450,7 +461,7 @@ class Cloud:
                                             stderr=subprocess.PIPE)
             run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
                 "-out", csr, "-subj", "/CN=device")
-            run("openssl", "x509", "-req", "-in", csr, "-CA", self.args.ca, "-CAkey", ca_key,
+            run("openssl", "x509", "-req", "-in", csr, "-CA", self.ca, "-CAkey", ca_key,
                 "-set_serial", str(int.from_bytes(os.urandom(8), "big")), "-out", cert,
                 "-days", "825", "-extfile", ext)
             with open(cert) as f:
@@ -473,13 +484,23 @@ class Cloud:
             return
         word, _, rest = line.partition(" ")
         rest = rest.strip()
+        if word.startswith("@"):  # "@MAC <line>": the same, to that device
+            target = self.devices.get(word[1:])
+            if target is None:
+                return self.reply_error("no device %s connected (%s)" % (word[1:], ", ".join(self.devices)))
+            current, self.current = self.current, target
+            try:
+                return await self.console_line(rest)
+            finally:
+                self.current = current
         if word in ("help", "?"):
             print("subjects: " + " ".join(self.SUBJECTS) + "\n"
                   "  <subject>              send a request with sample content\n"
                   "  <subject> <json>       send a request with this content\n"
                   "  raw <text>             send text as it is\n"
                   "  close [code]           close the connection; drop: cut it\n"
-                  "  {\"cmd\":...}            a machine-mode command\n"
+                  "  {\"cmd\":...}            a machine-mode command (\"mac\" picks the device)\n"
+                  "  @<mac> <line>          the same, to one device of several\n"
                   "  quit", flush=True)
         elif word == "raw":
             await self.send_text(rest)
@@ -537,16 +558,16 @@ class Cloud:
         self.stop_event = asyncio.Event()
         self.send_lock = asyncio.Lock()
         context = None
-        if not self.args.plain:
+        if not self.plain:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-            context.load_cert_chain(self.args.cert, self.args.key)
-            if self.args.ca:
-                context.load_verify_locations(cafile=self.args.ca)
+            context.load_cert_chain(self.cert, self.key)
+            if self.ca:
+                context.load_verify_locations(cafile=self.ca)
                 context.verify_mode = ssl.CERT_OPTIONAL
         server = await websockets.serve(
-            self.handler, self.args.host, self.args.port, ssl=context,
+            self.handler, self.host, self.port, ssl=context,
             create_protocol=AnyProtocol, max_size=None, compression=None,
-            ping_interval=None, origins=None, close_timeout=3)
+            ping_interval=None, origins=None, close_timeout=3, process_request=self.admit)
         port = server.sockets[0].getsockname()[1]
         self.emit({"event": "listening", "port": port})
         queue = asyncio.Queue()
@@ -567,23 +588,22 @@ def main():
     parser.add_argument("--ca", help="CA (PEM) for optional client certificates")
     parser.add_argument("--plain", action="store_true", help="plain ws, no TLS")
     parser.add_argument("--interactive", action="store_true", help="console for people")
+    parser.add_argument("--shed", metavar="N[:S]",
+                        help="refuse upgrades past N a second with 503 and Retry-After: S (default 10)")
+    parser.add_argument("--quiet", action="store_true", help="no message or sent events")
     parser.add_argument("--set", default="{}", metavar="JSON",
                         help='initial behaviour flags, e.g. \'{"auto_storage":true}\'')
-    parser.add_argument("--web", type=int, metavar="PORT",
-                        help="serve the browser console too (web_console.py; 0 picks a port)")
-    parser.add_argument("--blob-port", type=int, default=0,
-                        help="the blob storage the console fetches clips from")
     args = parser.parse_args()
     if not args.plain and not (args.cert and args.key):
         parser.error("--cert and --key are needed (or --plain)")
     code = 0
     try:
-        if args.web is not None:
-            import web_console
-            blob = web_console.blob_endpoint(args.blob_port, args.ca)
-            asyncio.run(web_console.serve(args, blob, None, args.web))
-        else:
-            asyncio.run(Cloud(args).main())
+        flags = json.loads(args.set)
+        if args.shed:
+            n, _, seconds = args.shed.partition(":")
+            flags["shed"] = [int(n), int(seconds or 10)]
+        asyncio.run(Cloud(args.cert, args.key, args.ca, args.host, args.port, args.plain, args.interactive,
+                          flags, quiet=args.quiet).main())
     except KeyboardInterrupt:
         pass
     except Exception as exc:  # bind failures and bad certificates end up here

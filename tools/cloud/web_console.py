@@ -1,8 +1,8 @@
 """The local cloud's browser console: one page, its JSON endpoints and a live feed.
 
-Runs in the same asyncio loop as the messaging server (messaging_server.Cloud), so the page
-sees every envelope the moment the server does, in the exact text that crossed the link.
-local_cloud.py --web starts it. Everything listens on 127.0.0.1 and refuses any peer, Host
+Runs in the same asyncio loop as the messaging server, so the page sees every envelope the
+moment the server does, in the exact text that crossed the link: local_cloud.py --web hands
+Console.observe to the server as its event callback, and the server to serve(). Everything listens on 127.0.0.1 and refuses any peer, Host
 or Origin that is not loopback: the page can send requests to a recorder, and a page from
 elsewhere must not be able to do that through a developer's browser.
 
@@ -24,13 +24,12 @@ import shutil
 import ssl
 import subprocess
 import tempfile
-import types
 import urllib.parse
 import urllib.request
 
 from aiohttp import web
 
-import messaging_server
+from formats import blob_path, iso_to_epoch
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 WEB_DIR = os.path.join(HERE, "web")
@@ -62,30 +61,9 @@ def cert_subject(ws):
     return ", ".join(parts)
 
 
-class WatchedCloud(messaging_server.Cloud):
-    """The messaging server, telling the console everything it reports."""
-
-    def __init__(self, args, console):
-        super().__init__(args)
-        self.console = console
-        console.cloud = self
-
-    def emit(self, obj):
-        super().emit(obj)
-        try:
-            self.console.observe(obj)
-        except Exception as exc:  # the link must keep working whatever the console makes of it
-            print("web console: %r" % exc, flush=True)
-
-
-def blob_endpoint(port, ca):
-    """Where the console fetches blobs from when no BlobStorage object is at hand."""
-    return types.SimpleNamespace(port=port, ca=ca) if port else None
-
-
 class Console:
     def __init__(self, storage, cache_dir=None):
-        self.cloud = None
+        self.cloud = None  # the messaging server, set by serve(): what the page's requests go to
         self.storage = storage  # anything with .port and .ca (BlobStorage), or None
         # Decrypted clips, fetched again after a restart: nothing here outlives the console.
         self.temporary_cache = cache_dir is None
@@ -190,7 +168,7 @@ class Console:
 
     def clip(self, camera, start, create=False):
         try:
-            epoch = int(messaging_server.iso_to_epoch(start)) if not str(start).isdigit() else int(start)
+            epoch = int(iso_to_epoch(start)) if not str(start).isdigit() else int(start)
         except (ValueError, TypeError):
             return None
         if not isinstance(camera, str):
@@ -203,9 +181,7 @@ class Console:
 
     def changed(self, clip):
         if clip.get("nvr"):
-            day = datetime.datetime.fromtimestamp(clip["start"], datetime.timezone.utc)
-            clip["blob"] = "%s/%s/%s/%d.mp4" % (clip["nvr"], clip["camera"], day.strftime("%Y-%m-%d"),
-                                                clip["start"])
+            clip["blob"] = blob_path(clip["nvr"], clip["camera"], clip["start"])
         if clip.get("credentials_at") and clip.get("uploaded_at"):
             took = (datetime.datetime.fromisoformat(clip["uploaded_at"].replace("Z", "+00:00")) -
                     datetime.datetime.fromisoformat(clip["credentials_at"].replace("Z", "+00:00")))
@@ -377,14 +353,9 @@ async def loopback_only(request, handler):
     return await handler(request)
 
 
-async def serve(cloud_args, storage, cache_dir, port):
+async def serve(console, cloud, port):
     """Runs the messaging server with the console beside it until the server stops."""
-    console = Console(storage, cache_dir)
-    if cloud_args.cert:  # which certificates the device is shown (make_certs.sh made several)
-        console.link["server_cert"] = messaging_server.describe_cert(cloud_args.cert)
-    if storage is not None and getattr(storage, "certs", None):
-        console.link["blob_cert"] = messaging_server.describe_cert(os.path.join(storage.certs, "blob.pem"))
-    cloud = WatchedCloud(cloud_args, console)
+    console.cloud = cloud
     runner = web.AppRunner(console.app(), access_log=None)
     await runner.setup()
     # Open pages hold their feed for ever: do not wait for them when the cloud stops.

@@ -128,6 +128,49 @@ def items_seeds():
     return seeds
 
 
+def journal_record(rtype, seq, payload):
+    """One outbox journal record, as src/outbox/record_format.h lays it out."""
+    import struct
+    import zlib
+    head = b"ZOB1" + bytes([rtype, 0])
+    tail = struct.pack("<QI", seq, len(payload))
+    check = zlib.crc32(head + tail) & 0xffff
+    header = head + struct.pack("<H", check) + tail
+    return header + struct.pack("<I", zlib.crc32(header + payload, 0) & 0xffffffff) + payload
+
+
+def journal_seeds():
+    import struct
+
+    def text(s):
+        return struct.pack("<Q", len(s)) + s.encode()
+
+    def i64(v):
+        return struct.pack("<q", v)
+
+    motion = bytes([1]) + i64(1) + text(CAMERA) + i64(1767225600) + i64(1767225660) + text("t.jpg")
+    access = bytes([2]) + text("door_opened") + i64(1767225600) + i64(1767225601) + \
+        text("dev-1") + text("cred-1") + text('{"k":1}') + text("tag")
+    sent = struct.pack("<Q", 1) + text('{"id":"%s1","subject":"transaction"}' % DEVICE)
+    clip = text("/tmp/clip.mp4") + text(CAMERA) + i64(1767225600) + i64(1767225660) + \
+        i64(1000) + struct.pack("<Q", 2) + struct.pack("<dd", 0.0, 2.5) + text("meta") + \
+        i64(1) + i64(10) + i64(30) + i64(1000) + i64(1767225600123456789)
+    state = struct.pack("<Q", 4) + i64(5) + i64(1000) + i64(1767225700)
+    retire = struct.pack("<QQQ", 2, 1, 2)
+    good = journal_record(1, 1, motion) + journal_record(2, 2, sent) + \
+        journal_record(1, 3, access) + journal_record(3, 4, clip) + \
+        journal_record(4, 5, state) + journal_record(5, 6, retire)
+    flipped = bytearray(good)
+    flipped[40] ^= 0x10
+    return {
+        "segment": good,
+        "torn-tail": good[:-7],
+        "flipped-bit": bytes(flipped),
+        "garbage-between": good[:60] + b"ZOB1ZOB1 not a record" + good[60:],
+        "foreign": b"\x89PNG\r\n\x1a\n" + bytes(range(64)),
+    }
+
+
 def write(target, seeds):
     folder = os.path.join(HERE, "corpus", target)
     os.makedirs(folder, exist_ok=True)
@@ -143,3 +186,4 @@ if __name__ == "__main__":
     write("fuzz_inbound", inbound_seeds())
     write("fuzz_handlers", handler_seeds())
     write("fuzz_items", items_seeds())
+    write("fuzz_journal", journal_seeds())
