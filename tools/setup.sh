@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Installs everything the library, its tests and the local cloud need on a fresh
 # Debian machine. Run as root; running it again changes nothing.
+# With --arm64 it also installs what the arm64 build needs (tools/package.sh arm64, the suites
+# under qemu-user): Debian's cross toolchain, qemu-user-static and the arm64 libraries.
 set -euo pipefail
+arm64=false
+[ "${1:-}" = "--arm64" ] && arm64=true
 
 packages=(
   cmake g++ make pkg-config
@@ -13,6 +17,8 @@ packages=(
   python3-aiohttp ffmpeg fonts-dejavu-core chromium chromium-driver python3-selenium
   # the fleet's plot (tools/fleet.py --plot)
   python3-matplotlib
+  # the Debian packages (tools/package.sh): dpkg-shlibdeps, CPack's file(1), their check
+  dpkg-dev file lintian
 )
 
 missing=()
@@ -27,6 +33,10 @@ if [ "${#missing[@]}" -gt 0 ]; then
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 else
   echo "setup: Debian packages already installed"
+fi
+
+if $arm64; then
+  bash "$(dirname "$0")/setup_arm64.sh"
 fi
 
 # A proxy resolves the blob host with the system resolver, which knows no *.localhost

@@ -155,6 +155,10 @@ TEST_F(Reentry, DisconnectKeepsItsBoundWhileHostCallbacksHoldOn) {
 // within the alarm, never an abort or a hang.
 TEST_F(Reentry, ExitWhileConnectedNeitherCrashesNorHangs) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  if (const char* emulator = std::getenv("ZEL_TEST_EMULATOR"); emulator && *emulator) {  // its child too
+    std::vector<std::string> argv = ::testing::internal::GetArgvs();
+    ::testing::internal::SetInjectableArgvs((argv.insert(argv.begin(), emulator), argv));
+  }
   auto stuck = [](auto...) -> int { for (;;) pause(); };
   auto upload_with = [this](zel::UploadProgressCallback progress) {
     Reports r;

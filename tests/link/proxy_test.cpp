@@ -31,18 +31,18 @@ class Proxy : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("ZEL_DEBUG", "1", 1);
-    zel::Upload::register_log([this](int, const std::string& line) { said += line + "\n"; });
+    zel::Upload::register_log([this](int, const std::string& line) { note(line); });
   }
   void TearDown() override {
     zel::Upload::register_log(nullptr), zel::Upload::set_proxy("");
     for (const char* name : {"https_proxy", "no_proxy", "ZEL_DEBUG"}) unsetenv(name);
-    for (const char* secret : kSecrets) EXPECT_EQ(said.find(secret), std::string::npos) << secret;
+    for (const char* secret : kSecrets) EXPECT_EQ(log().find(secret), std::string::npos) << secret;
   }
   int upload() {  // one clip; its last state
     Reports r;
     zel::Upload::upload_clip({clip, "0A1B2C3D4E5F", 1614600000, 1614600060, 50000, {}, "", r.callback()});
     eventually([&] { return r.states().size() > 0 && r.states().back() >= zel::CLIP_CONFIRMED; }, 30s);
-    for (int state : r.states()) said += r.message(state) + "\n";
+    for (int state : r.states()) note(r.message(state));
     return r.states().empty() ? -1 : r.states().back();
   }
   // The handshake and the first messages as the server saw them, comparable across runs.
@@ -54,6 +54,9 @@ class Proxy : public ::testing::Test {
   }
   std::string link_host(Cloud& cloud) { return "127.0.0.1:" + std::to_string(cloud.listening().num("port")); }
   std::string blob_host() { return "devstoreaccount1" + storage().listening().str("blob_domain"); }
+  void note(const std::string& line) { std::lock_guard<std::mutex> lock(mu); said += line + "\n"; }
+  std::string log() { std::lock_guard<std::mutex> lock(mu); return said; }  // library threads write on
+  std::mutex mu;
   std::string said;
   TempDir dir;
   std::string clip = dir.file("proxied.mp4", random_bytes(50000, 5));
@@ -71,7 +74,7 @@ TEST_F(Proxy, LinkAndUploadPassUnchangedAndTheLinkOutlivesAProxyRestart) {
   Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
   Device device(cloud, cloud.params(kUploadMac), {"cam-1"});
   EXPECT_EQ(seen(cloud), direct);
-  EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << said;
+  EXPECT_EQ(upload(), zel::CLIP_CONFIRMED) << log();
   EXPECT_EQ(proxy.connects_to(link_host(cloud)), 1);
   EXPECT_EQ(proxy.connects_to(blob_host()), 1);
   Event blob = storage().command("{\"cmd\":\"blob\",\"path\":\"0011223344aa/0a1b2c3d4e5f/2021-03-01/1614600000.mp4\"}");
@@ -99,12 +102,12 @@ TEST_F(Proxy, CredentialsAndNoProxyDecideEachPathOnItsOwn) {
     long blob_tunnels = proxy.connects_to(blob_host());
     Cloud cloud{true, storage_flags(storage_token(), "clip-secret")};
     Device device(cloud, cloud.params(kUploadMac));
-    EXPECT_EQ(upload(), state) << said;
-    EXPECT_NE(said.find(message), std::string::npos) << said;
+    EXPECT_EQ(upload(), state) << log();
+    EXPECT_NE(log().find(message), std::string::npos) << log();
     EXPECT_EQ(proxy.connects_to(link_host(cloud)), link_through);
     EXPECT_EQ(proxy.connects_to(blob_host()) - blob_tunnels, 1 - link_through);
   }
-  EXPECT_NE(said.find("> Proxy-Authorization: [hidden]"), std::string::npos);  // libcurl's, as shown
+  EXPECT_NE(log().find("> Proxy-Authorization: [hidden]"), std::string::npos);  // libcurl's, as shown
 }
 
 TEST_F(Proxy, RefusedOrAbsentProxyIsLoggedAndRetriedEveryFiveSeconds) {

@@ -8,6 +8,7 @@ upload, and headless Chromium driven by Selenium. Logs go to OUT next to the scr
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import tempfile
@@ -50,8 +51,10 @@ class ConsoleSession:
         try:
             self.page, port, blob_domain = self.wait_for_cloud()
             certs = os.path.join(self.state, "certs")
+            # An arm64 host runs under qemu-user, whose prefix the test set-up passes.
+            emulator = shlex.split(os.environ.get("ZEL_TEST_EMULATOR", ""))
             self.host = Process(
-                [host_binary, "--server", "wss://127.0.0.1:%s/" % port, "--mac", RECORDER,
+                emulator + [host_binary, "--server", "wss://127.0.0.1:%s/" % port, "--mac", RECORDER,
                  "--ca", os.path.join(certs, "ca.pem"), "--cert", os.path.join(certs, "client.pem"),
                  "--key", os.path.join(certs, "client.key"), "--clip", self.clip, "--wait", str(host_wait)],
                 env=dict(os.environ, ZEL_BLOB_DOMAIN=blob_domain),
