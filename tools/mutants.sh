@@ -133,7 +133,7 @@ plain|foundation|src/messaging/upload.cpp|bool Upload::disconnect() {¶  if (in_
 plain|foundation|src/messaging/upload.cpp|bool Upload::stop() {¶  if (in_log_callback()) return false;|bool Upload::stop() {
 plain|foundation|src/messaging/upload.cpp|const std::string&)> cb) {¶  if (in_log_callback()) return;|const std::string&)> cb) {
 plain|clips|src/messaging/messaging.cpp|ThreadRole::HOST && !in_host_callback()) return false;|ThreadRole::HOST) return false;
-plain|clips|src/messaging/messaging.cpp|ThreadRole::HOST && !in_host_callback()) return false;|!in_host_callback()) return false;
+plain|clips|src/messaging/messaging.cpp|if (thread_role() == ThreadRole::HOST && !in_host_callback()) return false;|if (!in_host_callback()) return false;
 plain|clips|src/clips/upload_pool.cpp|if (thread_role() == ThreadRole::UPLOADER) {|if (false) {
 plain|clips|src/messaging/messaging.cpp|published_stats = CloudStats();  // the totals count from this connect|
 plain|clips|src/messaging/stats.cpp|if (state != CLIP_CONFIRMED && state != CLIP_FAILED) return;|if (state != CLIP_CONFIRMED) return;
