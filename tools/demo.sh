@@ -50,7 +50,8 @@ PKG_CONFIG_PATH="$libdir/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig:${PKG_
   - "$host_build/zel_example_host_pkgconfig"
 if $deb; then
   for host in "$host_build"/zel_example_host{,_pkgconfig}; do
-    ldd "$host" | grep -q "libzel-cloud.so.* => $libdir/" || {
+    # grep reads all of ldd's output: with -q, ldd could die of SIGPIPE and fail the pipe.
+    ldd "$host" | grep "libzel-cloud.so.* => $libdir/" >/dev/null || {
       echo "demo: $host does not load the packaged library" >&2; exit 1; }
   done
 fi
