@@ -12,7 +12,7 @@ export DEBIAN_FRONTEND=noninteractive
 
 tools=(crossbuild-essential-arm64 qemu-user-static)
 # twins: installed for amd64 and arm64 together
-twins=(libcjson-dev libcurl4-openssl-dev libssl-dev libgtest-dev libgmock-dev libcap-dev
+twins=(libcjson-dev libcurl4-openssl-dev libssl-dev zlib1g-dev libgtest-dev libgmock-dev libcap-dev
   libwebsockets17 pkgconf libstdc++6 libgcc-s1)
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
