@@ -66,9 +66,10 @@ def resources(r):
     second = max([x["rss_kb"] for x in r.samples if x["t"] > m["t"]] + [e["rss_kb"]])
     return [Goal("resident high-water mark within 5%", "%d kB from the start to half-way, %d kB from there to the "
                  "end (%+.1f%%)" % (first, second, pct(first, second)), pct(first, second) <= 5.0),
-            # The link's own socket comes and goes with the back-off: it is not a leak.
-            Goal("descriptors equal at the start and the end, the link's socket aside", "%d -> %d" % (
-                s["fds"], e["fds"]), fds_but_link(s) == fds_but_link(e)),
+            # A leak grows: the link's socket comes and goes with the back-off, and a start taken
+            # while clips upload holds their files and connections, which the end, drained, does not.
+            Goal("no more descriptors at the end than at the start, the link's socket aside", "%d -> %d" % (
+                s["fds"], e["fds"]), fds_but_link(e) <= fds_but_link(s)),
             Goal("threads equal at the start and the end", "%d -> %d" % (s["threads"], e["threads"]),
                  s["threads"] == e["threads"])], [
         "(start: every network fault seen once, or near half-way; end: after draining; both with no upload on)",
