@@ -302,9 +302,9 @@ class Relay:
                 "up": self.bytes["up"], "down": self.bytes["down"]}
 
 
-async def serve(specs):
+async def serve(paths):
     relays = {}
-    for name, target, listen in specs:
+    for name, target, listen in paths:
         relay = Relay(name, target, listen)
         await relay.start()
         relays[name] = relay
@@ -347,7 +347,7 @@ async def serve(specs):
             pair.close("relay stopped", rst=True)
 
 
-def parse_spec(text):
+def parse_path(text):
     name, _, ports = text.partition("=")
     target, _, listen = ports.partition(":")
     if not name or not target.isdigit() or (listen and not listen.isdigit()):
@@ -355,17 +355,17 @@ def parse_spec(text):
     return name, int(target), int(listen or 0)
 
 
-def start(specs, **options):
-    """The relay as a child (specs: "NAME=TARGET_PORT[:LISTEN_PORT]", ...): it and its ports by name."""
+def start(paths, **options):
+    """The relay as a child (paths: "NAME=TARGET_PORT[:LISTEN_PORT]", ...): it and its ports by name."""
     from process import Process
-    relay = Process(["/usr/bin/python3", os.path.abspath(__file__)] + [a for spec in specs for a in ("--relay", spec)],
+    relay = Process(["/usr/bin/python3", os.path.abspath(__file__)] + [a for path in paths for a in ("--relay", path)],
                     events=True, **options)
-    return relay, {event["relay"]: event["port"] for event in [relay.wait_live() for _ in specs]}
+    return relay, {event["relay"]: event["port"] for event in [relay.wait_live() for _ in paths]}
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--relay", type=parse_spec, action="append", required=True,
+    parser.add_argument("--relay", type=parse_path, action="append", required=True,
                         help="NAME=TARGET_PORT[:LISTEN_PORT] (repeatable)")
     args = parser.parse_args()
     try:
